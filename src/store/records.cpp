@@ -1,0 +1,224 @@
+#include "store/records.h"
+
+#include <limits>
+#include <nlohmann/json.hpp>
+
+#include "store/layout.h"
+
+namespace corvelstow {
+
+using nlohmann::json;
+
+std::string_view rawValue(StowRestoreScope scope) {
+  switch (scope) {
+    case StowRestoreScope::everything: return "everything";
+    case StowRestoreScope::documents: return "documents";
+    case StowRestoreScope::settings: return "settings";
+  }
+  return "everything";
+}
+
+std::string_view title(StowRestoreScope scope) {
+  switch (scope) {
+    case StowRestoreScope::everything: return "Everything";
+    case StowRestoreScope::documents: return "Documents";
+    case StowRestoreScope::settings: return "Settings";
+  }
+  return "Everything";
+}
+
+std::optional<StowRestoreScope> scopeFromRawValue(std::string_view raw) {
+  for (auto scope : {StowRestoreScope::everything, StowRestoreScope::documents,
+                     StowRestoreScope::settings}) {
+    if (rawValue(scope) == raw) return scope;
+  }
+  return std::nullopt;
+}
+
+namespace {
+
+// Encoding ---------------------------------------------------------------------------------
+
+void putOptional(json& object, const char* key, const std::optional<std::string>& value) {
+  if (value) object[key] = *value;
+}
+
+// Decoding: each reader throws Mismatch, which fails the whole record ------------------------
+
+struct Mismatch {};
+
+const json& field(const json& object, const char* key) {
+  auto it = object.find(key);
+  if (it == object.end()) throw Mismatch{};
+  return *it;
+}
+
+bool hasValue(const json& object, const char* key) {
+  auto it = object.find(key);
+  return it != object.end() && !it->is_null();
+}
+
+std::string readString(const json& value) {
+  if (!value.is_string()) throw Mismatch{};
+  return value.get<std::string>();
+}
+
+bool readBool(const json& value) {
+  if (!value.is_boolean()) throw Mismatch{};
+  return value.get<bool>();
+}
+
+std::int64_t readInt64(const json& value) {
+  if (value.is_number_unsigned()) {
+    auto number = value.get<std::uint64_t>();
+    if (number > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()))
+      throw Mismatch{};
+    return static_cast<std::int64_t>(number);
+  }
+  if (!value.is_number_integer()) throw Mismatch{};
+  return value.get<std::int64_t>();
+}
+
+StowDate readDate(const json& value) {
+  auto date = parseInternetDate(readString(value));
+  if (!date) throw Mismatch{};
+  return *date;
+}
+
+std::optional<std::string> readOptionalString(const json& object, const char* key) {
+  if (!hasValue(object, key)) return std::nullopt;
+  return readString(object.at(key));
+}
+
+const json& requireObject(const json& value) {
+  if (!value.is_object()) throw Mismatch{};
+  return value;
+}
+
+void read(const json& object, StowManifest& m) {
+  requireObject(object);
+  m.schemaVersion = readInt64(field(object, "schemaVersion"));
+  m.bundleIdentifier = readString(field(object, "bundleIdentifier"));
+  m.appName = readString(field(object, "appName"));
+  m.appVersion = readOptionalString(object, "appVersion");
+  m.createdAt = readDate(field(object, "createdAt"));
+  m.deviceName = readOptionalString(object, "deviceName");
+  const json& paths = field(object, "includedPaths");
+  if (!paths.is_array()) throw Mismatch{};
+  m.includedPaths.clear();
+  for (const json& path : paths) m.includedPaths.push_back(readString(path));
+  m.fileCount = readInt64(field(object, "fileCount"));
+  m.totalBytes = readInt64(field(object, "totalBytes"));
+  m.kind = readOptionalString(object, "kind");
+  m.teamIdentifier = readOptionalString(object, "teamIdentifier");
+  m.signerIdentity = readOptionalString(object, "signerIdentity");
+}
+
+void read(const json& object, StowSettings& s) {
+  requireObject(object);
+  s.showOnLaunch = readBool(field(object, "showOnLaunch"));
+  s.includeCaches = readBool(field(object, "includeCaches"));
+  s.lastBackupAt.reset();
+  if (hasValue(object, "lastBackupAt")) s.lastBackupAt = readDate(object.at("lastBackupAt"));
+}
+
+void read(const json& object, StowStagedRestore& r) {
+  requireObject(object);
+  read(field(object, "manifest"), r.manifest);
+  auto scope = scopeFromRawValue(readString(field(object, "scope")));
+  if (!scope) throw Mismatch{};
+  r.scope = *scope;
+  r.stagedAt = readDate(field(object, "stagedAt"));
+}
+
+void read(const json& object, StowOutcome& o) {
+  requireObject(object);
+  o.succeeded = readBool(field(object, "succeeded"));
+  o.message = readString(field(object, "message"));
+  o.sourceName = readString(field(object, "sourceName"));
+  o.sourceDate = readDate(field(object, "sourceDate"));
+  o.appliedAt = readDate(field(object, "appliedAt"));
+  o.canUndo = readBool(field(object, "canUndo"));
+  o.announced = readBool(field(object, "announced"));
+}
+
+}  // namespace
+
+json toJson(const StowManifest& m) {
+  json object = {{"schemaVersion", m.schemaVersion},
+                 {"bundleIdentifier", m.bundleIdentifier},
+                 {"appName", m.appName},
+                 {"createdAt", formatInternetDate(m.createdAt)},
+                 {"includedPaths", m.includedPaths},
+                 {"fileCount", m.fileCount},
+                 {"totalBytes", m.totalBytes}};
+  putOptional(object, "appVersion", m.appVersion);
+  putOptional(object, "deviceName", m.deviceName);
+  putOptional(object, "kind", m.kind);
+  putOptional(object, "teamIdentifier", m.teamIdentifier);
+  putOptional(object, "signerIdentity", m.signerIdentity);
+  return object;
+}
+
+json toJson(const StowSettings& s) {
+  json object = {{"showOnLaunch", s.showOnLaunch}, {"includeCaches", s.includeCaches}};
+  if (s.lastBackupAt) object["lastBackupAt"] = formatInternetDate(*s.lastBackupAt);
+  return object;
+}
+
+json toJson(const StowStagedRestore& r) {
+  return {{"manifest", toJson(r.manifest)},
+          {"scope", std::string(rawValue(r.scope))},
+          {"stagedAt", formatInternetDate(r.stagedAt)}};
+}
+
+json toJson(const StowOutcome& o) {
+  return {{"succeeded", o.succeeded},
+          {"message", o.message},
+          {"sourceName", o.sourceName},
+          {"sourceDate", formatInternetDate(o.sourceDate)},
+          {"appliedAt", formatInternetDate(o.appliedAt)},
+          {"canUndo", o.canUndo},
+          {"announced", o.announced}};
+}
+
+// nlohmann::json keeps object keys in a std::map, so dump() writes them sorted.
+template <typename Record>
+std::string encodeRecord(const Record& record) {
+  return toJson(record).dump(2) + "\n";
+}
+
+template <typename Record>
+std::optional<Record> decodeRecord(std::string_view bytes) {
+  json document = json::parse(bytes, nullptr, /*allow_exceptions=*/false);
+  if (document.is_discarded()) return std::nullopt;
+  try {
+    Record record;
+    read(document, record);
+    return record;
+  } catch (const Mismatch&) {
+    return std::nullopt;
+  } catch (const json::exception&) {
+    return std::nullopt;
+  }
+}
+
+template std::string encodeRecord(const StowManifest&);
+template std::string encodeRecord(const StowSettings&);
+template std::string encodeRecord(const StowStagedRestore&);
+template std::string encodeRecord(const StowOutcome&);
+template std::optional<StowManifest> decodeRecord(std::string_view);
+template std::optional<StowSettings> decodeRecord(std::string_view);
+template std::optional<StowStagedRestore> decodeRecord(std::string_view);
+template std::optional<StowOutcome> decodeRecord(std::string_view);
+
+StowSettings loadSettings(const StowLayout& layout) {
+  return readRecord<StowSettings>(layout.settingsRecord).value_or(StowSettings{});
+}
+
+void saveSettings(const StowLayout& layout, const StowSettings& settings) {
+  files::createFolders(layout.workFolder);
+  writeRecord(settings, layout.settingsRecord);
+}
+
+}  // namespace corvelstow

@@ -1,0 +1,114 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/dates.h"
+#include "base/files.h"
+
+namespace corvelstow {
+
+struct StowLayout;
+
+/// What a backup holds, stored as "manifest.json" in every backup archive.
+struct StowManifest {
+  std::int64_t schemaVersion = 1;
+  std::string bundleIdentifier;
+  std::string appName;
+  std::optional<std::string> appVersion;
+  StowDate createdAt{};
+  std::optional<std::string> deviceName;
+  std::vector<std::string> includedPaths;
+  std::int64_t fileCount = 0;
+  std::int64_t totalBytes = 0;
+  std::optional<std::string> kind;
+  std::optional<std::string> teamIdentifier;
+  std::optional<std::string> signerIdentity;
+
+  bool operator==(const StowManifest&) const = default;
+};
+
+/// Which part of the container a restore replaces, in the order the scope picker lists them.
+enum class StowRestoreScope { everything, documents, settings };
+
+/// The scope's stored form: "everything", "documents" or "settings".
+std::string_view rawValue(StowRestoreScope scope);
+/// The scope's title: "Everything", "Documents" or "Settings".
+std::string_view title(StowRestoreScope scope);
+/// The scope named by its stored form, or nothing for any other text.
+std::optional<StowRestoreScope> scopeFromRawValue(std::string_view raw);
+
+/// The user's two options and when the last backup was made (settings.json).
+struct StowSettings {
+  bool showOnLaunch = true;
+  bool includeCaches = false;
+  std::optional<StowDate> lastBackupAt;
+
+  bool operator==(const StowSettings&) const = default;
+};
+
+/// A restore waiting in Staged (staged.json), or the data kept in Previous (previous.json).
+struct StowStagedRestore {
+  StowManifest manifest;
+  StowRestoreScope scope = StowRestoreScope::everything;
+  StowDate stagedAt{};
+
+  bool operator==(const StowStagedRestore&) const = default;
+};
+
+/// The result of the last launch-time restore or undo (outcome.json).
+struct StowOutcome {
+  bool succeeded = false;
+  std::string message;
+  std::string sourceName;
+  StowDate sourceDate{};
+  StowDate appliedAt{};
+  bool canUndo = false;
+  bool announced = false;
+
+  bool operator==(const StowOutcome&) const = default;
+};
+
+/// A record as a JSON object: keys are the field names, absent optionals are left out,
+/// dates are internet date-times.
+nlohmann::json toJson(const StowManifest& manifest);
+nlohmann::json toJson(const StowSettings& settings);
+nlohmann::json toJson(const StowStagedRestore& restore);
+nlohmann::json toJson(const StowOutcome& outcome);
+
+/// The one encoding of a record: keys sorted, pretty-printed; equal records give equal bytes.
+template <typename Record>
+std::string encodeRecord(const Record& record);
+
+/// Decodes a whole record, or nothing: a missing required key, a wrong type, an unknown scope
+/// or a date that is not a strict internet date-time fails the whole record.
+template <typename Record>
+std::optional<Record> decodeRecord(std::string_view bytes);
+
+/// Reads a record file; every failure (absent, unreadable, malformed) gives nothing.
+template <typename Record>
+std::optional<Record> readRecord(const std::filesystem::path& file) {
+  auto bytes = files::readWhole(file);
+  if (!bytes) return std::nullopt;
+  return decodeRecord<Record>(*bytes);
+}
+
+/// Writes a record atomically, creating its folder first. Failures are dropped: an older
+/// file stays as it was.
+template <typename Record>
+void writeRecord(const Record& record, const std::filesystem::path& file) {
+  files::writeAtomically(file, encodeRecord(record));
+}
+
+/// The settings in settings.json, or the defaults when it is missing or does not decode.
+StowSettings loadSettings(const StowLayout& layout);
+
+/// Saves the settings to settings.json, creating the work folder first; failures are dropped.
+void saveSettings(const StowLayout& layout, const StowSettings& settings);
+
+}  // namespace corvelstow

@@ -1,0 +1,37 @@
+#include "store/layout.h"
+
+#include <gtest/gtest.h>
+
+namespace corvelstow {
+namespace {
+
+TEST(LayoutTest, DerivesEveryLocationFromTheTwoRoots) {
+  StowLayout layout = StowLayout::forRoots("/c", "/t");
+  EXPECT_EQ(layout.documents, "/c/Documents");
+  EXPECT_EQ(layout.preferences, "/c/Library/Preferences");
+  EXPECT_EQ(layout.workFolder, "/c/Library/CorvelStow");
+  EXPECT_EQ(layout.staged, "/c/Library/CorvelStow/Staged");
+  EXPECT_EQ(layout.stagedRecord, "/c/Library/CorvelStow/staged.json");
+  EXPECT_EQ(layout.previousNew, "/c/Library/CorvelStow/Previous-new");
+  EXPECT_EQ(layout.undoRequest, "/c/Library/CorvelStow/undo.request");
+  EXPECT_EQ(layout.exports, "/t/CorvelStow Exports");
+  // The work folder is inside Library and excluded from it by name.
+  EXPECT_EQ(layout.workFolder.parent_path(), layout.library);
+  EXPECT_TRUE(excludedLibraryNames().count(layout.workFolder.filename().string()));
+}
+
+TEST(LayoutTest, SharedLayoutIsBuiltOnceFromTheEnvironment) {
+  const char* temporary = std::getenv("TMPDIR");
+  std::string saved = temporary ? temporary : "";
+  ::setenv("CORVELSTOW_HOME", "/first", 1);
+  ::setenv("TMPDIR", "/scratch", 1);
+  const StowLayout& layout = StowLayout::shared();
+  saved.empty() ? ::unsetenv("TMPDIR") : ::setenv("TMPDIR", saved.c_str(), 1);
+  ::setenv("CORVELSTOW_HOME", "/second", 1);
+  EXPECT_EQ(&StowLayout::shared(), &layout);
+  EXPECT_EQ(StowLayout::shared().home, "/first");
+  EXPECT_EQ(StowLayout::shared().exports, "/scratch/CorvelStow Exports");
+}
+
+}  // namespace
+}  // namespace corvelstow

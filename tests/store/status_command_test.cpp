@@ -1,0 +1,58 @@
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "store/layout.h"
+#include "store/records.h"
+#include "support/process.h"
+#include "support/temp_folder.h"
+
+namespace corvelstow {
+namespace {
+
+using nlohmann::json;
+
+TEST(StatusCommandTest, ReportsRecordsAsJsonWithAbsentOnesNull) {
+  testing::TempFolder folder;
+  StowLayout layout = StowLayout::forRoots(folder / "home", folder / "tmp");
+  testing::writeFile(layout.documents / "a.txt", "a");
+  std::map<std::string, std::string> env{{"CORVELSTOW_HOME", layout.home.string()},
+                                         {"CORVELSTOW_BUNDLE", ""}};
+
+  auto empty = testing::runCommand({"--json", "status"}, env);
+  ASSERT_EQ(empty.exitCode, 0) << empty.err;
+  json document = json::parse(empty.out);
+  EXPECT_EQ(document["app"]["bundleID"], "unknown");
+  EXPECT_EQ(document["app"]["name"], "App");
+  EXPECT_EQ(document["settings"], json::parse(R"({"showOnLaunch": true, "includeCaches": false})"));
+  EXPECT_TRUE(document["pending"].is_null());
+  EXPECT_TRUE(document["outcome"].is_null());
+
+  StowOutcome outcome{true, "Restored everything from Notes.", "Notes",
+                      *parseInternetDate("2024-05-01T09:30:00Z"),
+                      *parseInternetDate("2024-05-02T09:30:00Z"), true, false};
+  writeRecord(outcome, layout.outcomeRecord);
+  auto filled = testing::runCommand({"status", "--json"}, env);
+  ASSERT_EQ(filled.exitCode, 0) << filled.err;
+  EXPECT_EQ(json::parse(filled.out)["outcome"], toJson(outcome));
+
+  auto text = testing::runCommand({"status"}, env);
+  EXPECT_NE(text.out.find("Restored everything from Notes."), std::string::npos);
+}
+
+TEST(StatusCommandTest, FailsWithOneSentenceOrAUsageError) {
+  auto missing = testing::runCommand({"--home", "/nonexistent/container", "status"});
+  EXPECT_EQ(missing.exitCode, 1);
+  EXPECT_EQ(missing.err, "There is no app container at /nonexistent/container.\n");
+
+  auto unset = testing::runCommand({"status"}, {{"CORVELSTOW_HOME", ""}});
+  EXPECT_EQ(unset.exitCode, 1);
+  EXPECT_EQ(unset.err, "No app container is set: name one with --home or CORVELSTOW_HOME.\n");
+
+  EXPECT_EQ(testing::runCommand({"status", "--no-such-option"}).exitCode, 2);
+  EXPECT_EQ(testing::runCommand({}).exitCode, 2);
+  EXPECT_EQ(testing::runCommand({"--help"}).exitCode, 0);
+}
+
+}  // namespace
+}  // namespace corvelstow

@@ -1,0 +1,23 @@
+#include "command_context.h"
+
+#include <cerrno>
+#include <iostream>
+
+#include "base/file_error.h"
+#include "base/files.h"
+
+namespace corvelstow::cli {
+
+const StowLayout& CommandContext::container() const {
+  const StowLayout& layout = StowLayout::shared();
+  if (!files::isFolder(layout.home)) {
+    throwFileError(ENOENT, "There is no app container at " + layout.home.string() + ".");
+  }
+  return layout;
+}
+
+void CommandContext::printJson(const nlohmann::json& document) const {
+  out << document.dump(2) << '\n';
+}
+
+}  // namespace corvelstow::cli

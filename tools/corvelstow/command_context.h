@@ -1,0 +1,38 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <iosfwd>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "store/layout.h"
+
+namespace corvelstow::cli {
+
+/// What every command sees: the global options and where to print.
+struct CommandContext {
+  bool json = false;
+  std::ostream& out;
+
+  /// The container named by --home (or CORVELSTOW_HOME). Throws a one-sentence error when none
+  /// is named or the folder does not exist.
+  const StowLayout& container() const;
+
+  /// Prints a JSON document on stdout, followed by a newline.
+  void printJson(const nlohmann::json& document) const;
+};
+
+/// A subcommand and what it does once its options are parsed.
+struct Command {
+  CLI::App* app = nullptr;
+  std::function<void(const CommandContext&)> run;
+};
+
+using CommandList = std::vector<Command>;
+
+// Each file of the command adds its subcommands here.
+void addStatusCommand(CLI::App& app, CommandList& commands);
+
+}  // namespace corvelstow::cli

@@ -1,0 +1,56 @@
+// corvelstow: back up and restore an app's data container from the terminal.
+
+#include <cstdlib>
+#include <iostream>
+
+#include "command_context.h"
+
+using namespace corvelstow::cli;
+
+namespace {
+
+constexpr int kFailure = 1;
+constexpr int kUsage = 2;
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{"CorvelStow: back up and restore the data of an app container.", "corvelstow"};
+  app.require_subcommand(1);
+  app.fallthrough();  // global options may also follow the subcommand
+  std::string home, bundle;
+  bool json = false;
+  app.add_option("--home", home, "The app container (a folder holding Documents and Library)")
+      ->envname("CORVELSTOW_HOME");
+  app.add_option("--bundle", bundle, "The app's bundle folder (holding Info.plist)")
+      ->envname("CORVELSTOW_BUNDLE");
+  app.add_flag("--json", json, "Print machine-readable JSON on stdout");
+
+  CommandList commands;
+  addStatusCommand(app, commands);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    int code = app.exit(error);
+    return code == 0 ? 0 : kUsage;
+  }
+
+  // The engine reads its roots from the environment, as the library does when it is loaded.
+  if (!home.empty()) ::setenv("CORVELSTOW_HOME", home.c_str(), 1);
+  if (!bundle.empty()) ::setenv("CORVELSTOW_BUNDLE", bundle.c_str(), 1);
+
+  CommandContext context{json, std::cout};
+  for (const Command& command : commands) {
+    if (!command.app->parsed()) continue;
+    try {
+      command.run(context);
+      return EXIT_SUCCESS;
+    } catch (const std::exception& error) {
+      std::cout.flush();
+      std::cerr << error.what() << '\n';
+      return kFailure;
+    }
+  }
+  return kUsage;
+}
