@@ -38,4 +38,29 @@ std::optional<PlistValue> parsePropertyList(std::string_view bytes);
 /// Encodes a property list in binary form; nothing when it cannot be encoded.
 std::optional<std::string> encodeBinaryPropertyList(const PlistValue& value);
 
+/// The app's preferences: named domains of key-value data. On Apple platforms these are the
+/// user defaults' persistent domains; elsewhere a domain is the binary property list
+/// `<domain>.plist` in the container's Library/Preferences folder, where iOS keeps it too.
+class PreferencesStore {
+ public:
+  explicit PreferencesStore(fs::path preferencesFolder);
+
+  /// The domain's values, or nothing when there is no such domain.
+  std::optional<PlistDictionary> domain(const std::string& name) const;
+  /// Replaces the domain's values; failures are dropped.
+  void setDomain(const std::string& name, const PlistDictionary& values);
+  /// Removes the domain; an absent domain is no failure.
+  void removeDomain(const std::string& name);
+  /// Writes pending changes to storage and makes other readers see them.
+  void synchronize();
+
+ private:
+  fs::path folder_;
+};
+
+/// What the platform does once the launch-time file work is done. Apple: watch for window
+/// scenes becoming active. Linux: take this library out of LD_PRELOAD, so that the host's own
+/// child processes do not run the start-up again.
+void finishStartup();
+
 }  // namespace corvelstow::platform

@@ -35,3 +35,24 @@ std::string readFile(const fs::path& path) {
 }
 
 }  // namespace corvelstow::testing
+
+namespace corvelstow::testing {
+
+std::map<std::string, std::string> readTree(const fs::path& root) {
+  std::map<std::string, std::string> tree;
+  std::error_code error;
+  for (fs::recursive_directory_iterator it(root, error), end; !error && it != end;
+       it.increment(error)) {
+    std::string relative = fs::relative(it->path(), root).string();
+    if (it->is_symlink()) {
+      tree[relative] = "-> " + fs::read_symlink(it->path()).string();
+    } else if (it->is_directory()) {
+      tree[relative] = "/";
+    } else {
+      tree[relative] = readFile(it->path());
+    }
+  }
+  return tree;
+}
+
+}  // namespace corvelstow::testing

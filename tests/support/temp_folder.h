@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <map>
 #include <string>
 #include <string_view>
 
@@ -28,5 +29,13 @@ void writeFile(const fs::path& path, std::string_view bytes);
 
 /// The whole contents of `path` (empty when it cannot be read).
 std::string readFile(const fs::path& path);
+
+}  // namespace corvelstow::testing
+
+namespace corvelstow::testing {
+
+/// Everything below `root` by relative path: a file maps to its contents, a folder to "/",
+/// a symbolic link to "-> target". A missing root gives an empty map.
+std::map<std::string, std::string> readTree(const fs::path& root);
 
 }  // namespace corvelstow::testing

@@ -34,5 +34,6 @@ using CommandList = std::vector<Command>;
 
 // Each file of the command adds its subcommands here.
 void addStatusCommand(CLI::App& app, CommandList& commands);
+void addLaunchCommands(CLI::App& app, CommandList& commands);
 
 }  // namespace corvelstow::cli

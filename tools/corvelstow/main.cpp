@@ -28,6 +28,7 @@ int main(int argc, char** argv) {
 
   CommandList commands;
   addStatusCommand(app, commands);
+  addLaunchCommands(app, commands);
 
   try {
     app.parse(argc, argv);

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <string>
+
+#include "store/layout.h"
+
+namespace corvelstow {
+
+/// The launch-time file work, in order: a requested undo, then a staged restore (its outcome
+/// written to outcome.json and the staging cleared). Never throws. A staged.json that does not
+/// decode is left untouched, with its Staged folder, to be tried again at the next launch.
+void runLaunchTimeWork(const StowLayout& layout, const std::string& hostBundleID);
+
+/// Removes the Staged folder, then staged.json; failures are ignored.
+void clearStaging(const StowLayout& layout);
+
+/// The start-up sequence: the launch-time work for this process's container, then the
+/// platform's own step. Runs once, at load; never fails outward.
+void corvelStowStart();
+
+}  // namespace corvelstow

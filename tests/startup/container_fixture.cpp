@@ -1,0 +1,66 @@
+#include "container_fixture.h"
+
+namespace corvelstow::testing {
+
+void ContainerFixture::SetUp() {
+  writeFile(layout.documents / "a.txt", "live a");
+  writeFile(layout.documents / "old.txt", "live old");
+  writeFile(layout.documents / "Folder/x.txt", "live x");
+  writeFile(layout.documents / ".hidden", "live hidden");
+  writeFile(layout.library / "Application Support/db", "live db");
+  writeFile(layout.library / "Caches/c.bin", "live cache");
+  writeFile(layout.library / "SplashBoard/s", "splash");
+  writeFile(layout.library / "Saved Application State/st", "state");
+  writeDomain(layout.preferences / "com.example.notes.plist", domain("theme", "live"));
+  writeDomain(layout.preferences / "com.live.only.plist", domain("k", "live only"));
+  writeFile(bundle / "Info.plist",
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict>"
+            "<key>CFBundleIdentifier</key><string>com.example.notes</string>"
+            "<key>CFBundleName</key><string>Notes</string></dict></plist>");
+}
+
+void ContainerFixture::stage(StowRestoreScope scope, const std::string& sourceID,
+                             bool withCaches) {
+  const fs::path& staged = layout.staged;
+  writeFile(staged / "Documents/a.txt", "backup a");
+  writeFile(staged / "Documents/new.txt", "backup new");
+  writeFile(staged / "Library/Application Support/db", "backup db");
+  writeFile(staged / "Library/SplashBoard/s2", "backup splash");
+  writeDomain(staged / "Library/Preferences" / (sourceID + ".plist"), domain("theme", "backup"));
+  writeDomain(staged / "Library/Preferences/group.shared.plist", domain("g", "backup group"));
+  writeFile(staged / "Library/Preferences/notes.txt", "not a settings file");
+  if (withCaches) writeFile(staged / "Library/Caches/c2.bin", "backup cache");
+
+  StowStagedRestore record;
+  record.manifest.bundleIdentifier = sourceID;
+  record.manifest.appName = "Notes";
+  record.manifest.createdAt = *parseInternetDate("2024-05-01T09:30:00Z");
+  record.manifest.includedPaths = {"Documents", "Library"};
+  record.manifest.fileCount = 5;
+  record.scope = scope;
+  record.stagedAt = currentDate();
+  writeRecord(record, layout.stagedRecord);
+}
+
+ProcessResult ContainerFixture::launch(const std::map<std::string, std::string>& environment) {
+  std::map<std::string, std::string> all{{"CORVELSTOW_HOME", layout.home.string()},
+                                         {"CORVELSTOW_BUNDLE", bundle.string()}};
+  all.insert(environment.begin(), environment.end());
+  return runCommand({"run", "--", CORVELSTOW_EXAMPLE_HOST}, all);
+}
+
+PlistDictionary ContainerFixture::domainIn(const fs::path& file) {
+  auto parsed = platform::parsePropertyList(readFile(file));
+  if (!parsed || !parsed->as<PlistDictionary>()) return {};
+  return *parsed->as<PlistDictionary>();
+}
+
+PlistDictionary ContainerFixture::domain(const std::string& key, const std::string& value) {
+  return {{key, PlistValue{value}}};
+}
+
+void ContainerFixture::writeDomain(const fs::path& file, const PlistDictionary& values) {
+  writeFile(file, *platform::encodeBinaryPropertyList(PlistValue{values}));
+}
+
+}  // namespace corvelstow::testing
