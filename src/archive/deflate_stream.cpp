@@ -1,0 +1,136 @@
+#include "archive/deflate_stream.h"
+
+#include <zlib.h>
+
+#include <algorithm>
+#include <limits>
+#include <new>
+#include <stdexcept>
+
+namespace corvelstow {
+namespace {
+
+constexpr int kRawWindowBits = -15;  // negative: raw DEFLATE without a header or trailer
+constexpr int kMemoryLevel = 8;      // zlib's default
+
+// zlib counts input in `uInt`; longer input is fed in slices of this size.
+constexpr std::size_t kMaxSlice = std::numeric_limits<uInt>::max();
+
+[[noreturn]] void throwZlibFailure(int status) {
+  if (status == Z_MEM_ERROR) throw std::bad_alloc();
+  throw std::logic_error("zlib failed with status " + std::to_string(status));
+}
+
+}  // namespace
+
+// DeflateStream
+
+DeflateStream::DeflateStream()
+    : stream_(std::make_unique<z_stream>()), buffer_(new unsigned char[kBufferSize]) {
+  int status = deflateInit2(stream_.get(), Z_DEFAULT_COMPRESSION, Z_DEFLATED, kRawWindowBits,
+                            kMemoryLevel, Z_DEFAULT_STRATEGY);
+  if (status != Z_OK) throwZlibFailure(status);
+}
+
+DeflateStream::~DeflateStream() {
+  if (stream_) deflateEnd(stream_.get());
+}
+
+DeflateStream::DeflateStream(DeflateStream&& other) noexcept = default;
+
+DeflateStream& DeflateStream::operator=(DeflateStream&& other) noexcept {
+  if (this != &other) {
+    if (stream_) deflateEnd(stream_.get());
+    stream_ = std::move(other.stream_);
+    buffer_ = std::move(other.buffer_);
+  }
+  return *this;
+}
+
+void DeflateStream::reset() { deflateReset(stream_.get()); }
+
+void DeflateStream::write(std::string_view input, const ByteSink& sink) {
+  while (!input.empty()) {
+    std::size_t slice = std::min(input.size(), kMaxSlice);
+    stream_->next_in = reinterpret_cast<Bytef*>(const_cast<char*>(input.data()));
+    stream_->avail_in = static_cast<uInt>(slice);
+    run(Z_NO_FLUSH, sink);
+    input.remove_prefix(slice);
+  }
+}
+
+void DeflateStream::finish(const ByteSink& sink) {
+  stream_->next_in = nullptr;
+  stream_->avail_in = 0;
+  run(Z_FINISH, sink);
+}
+
+// The loop of zlib's zpipe.c: compress into the buffer until a call leaves room in it, which
+// means the input is used up (or, with Z_FINISH, the stream is complete).
+void DeflateStream::run(int flush, const ByteSink& sink) {
+  int status = Z_OK;
+  do {
+    stream_->next_out = buffer_.get();
+    stream_->avail_out = kBufferSize;
+    status = deflate(stream_.get(), flush);
+    if (status == Z_STREAM_ERROR) throwZlibFailure(status);
+    std::size_t produced = kBufferSize - stream_->avail_out;
+    if (produced > 0) sink({reinterpret_cast<const char*>(buffer_.get()), produced});
+  } while (stream_->avail_out == 0 || (flush == Z_FINISH && status != Z_STREAM_END));
+}
+
+// InflateStream
+
+InflateStream::InflateStream()
+    : stream_(std::make_unique<z_stream>()), buffer_(new unsigned char[kBufferSize]) {
+  int status = inflateInit2(stream_.get(), kRawWindowBits);
+  if (status != Z_OK) throwZlibFailure(status);
+}
+
+InflateStream::~InflateStream() {
+  if (stream_) inflateEnd(stream_.get());
+}
+
+InflateStream::InflateStream(InflateStream&& other) noexcept = default;
+
+InflateStream& InflateStream::operator=(InflateStream&& other) noexcept {
+  if (this != &other) {
+    if (stream_) inflateEnd(stream_.get());
+    stream_ = std::move(other.stream_);
+    buffer_ = std::move(other.buffer_);
+    ended_ = other.ended_;
+    corrupt_ = other.corrupt_;
+  }
+  return *this;
+}
+
+void InflateStream::reset() {
+  inflateReset(stream_.get());
+  ended_ = false;
+  corrupt_ = false;
+}
+
+InflateStream::Status InflateStream::write(std::string_view input, const ByteSink& sink) {
+  while (!input.empty() && !ended_ && !corrupt_) {
+    std::size_t slice = std::min(input.size(), kMaxSlice);
+    stream_->next_in = reinterpret_cast<Bytef*>(const_cast<char*>(input.data()));
+    stream_->avail_in = static_cast<uInt>(slice);
+    do {
+      stream_->next_out = buffer_.get();
+      stream_->avail_out = kBufferSize;
+      int status = inflate(stream_.get(), Z_NO_FLUSH);
+      if (status == Z_MEM_ERROR) throwZlibFailure(status);
+      if (status == Z_DATA_ERROR || status == Z_NEED_DICT || status == Z_STREAM_ERROR) {
+        corrupt_ = true;
+      }
+      if (status == Z_STREAM_END) ended_ = true;
+      std::size_t produced = kBufferSize - stream_->avail_out;
+      if (produced > 0) sink({reinterpret_cast<const char*>(buffer_.get()), produced});
+    } while (stream_->avail_out == 0 && !ended_ && !corrupt_);
+    input.remove_prefix(slice);
+  }
+  if (corrupt_) return Status::corrupt;
+  return ended_ ? Status::ended : Status::needsInput;
+}
+
+}  // namespace corvelstow

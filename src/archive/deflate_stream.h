@@ -1,0 +1,72 @@
+#pragma once
+
+// Raw DEFLATE (RFC 1951, no zlib or gzip wrapper) over zlib, streamed through a 64 KiB buffer.
+// One stream serves many entries: reset() readies it for the next one without new allocations.
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string_view>
+
+struct z_stream_s;
+
+namespace corvelstow {
+
+/// Receives each piece of output as it is produced; the piece is valid only during the call.
+using ByteSink = std::function<void(std::string_view piece)>;
+
+/// Compresses. Move-only; the zlib state is released by the destructor.
+class DeflateStream {
+ public:
+  static constexpr std::size_t kBufferSize = 65536;
+
+  /// A raw DEFLATE compressor at zlib's default level. Throws std::bad_alloc when zlib cannot.
+  DeflateStream();
+  ~DeflateStream();
+  DeflateStream(DeflateStream&& other) noexcept;
+  DeflateStream& operator=(DeflateStream&& other) noexcept;
+
+  /// Forgets any unfinished input and starts a new stream.
+  void reset();
+  /// Compresses `input`, handing every full buffer to `sink`.
+  void write(std::string_view input, const ByteSink& sink);
+  /// Ends the stream, handing the rest of the output to `sink`.
+  void finish(const ByteSink& sink);
+
+ private:
+  void run(int flush, const ByteSink& sink);
+
+  std::unique_ptr<z_stream_s> stream_;  // zlib's state points back at it: it must not move
+  std::unique_ptr<unsigned char[]> buffer_;
+};
+
+/// Decompresses. Move-only; the zlib state is released by the destructor.
+class InflateStream {
+ public:
+  static constexpr std::size_t kBufferSize = 65536;
+
+  enum class Status {
+    needsInput,  ///< everything given so far is decompressed; the stream goes on
+    ended,       ///< the end of the stream was reached; any further input is not used
+    corrupt,     ///< the input is not valid DEFLATE data
+  };
+
+  /// A raw DEFLATE decompressor. Throws std::bad_alloc when zlib cannot allocate.
+  InflateStream();
+  ~InflateStream();
+  InflateStream(InflateStream&& other) noexcept;
+  InflateStream& operator=(InflateStream&& other) noexcept;
+
+  /// Starts a new stream.
+  void reset();
+  /// Decompresses `input`, handing each piece of output to `sink` as the buffer fills.
+  Status write(std::string_view input, const ByteSink& sink);
+
+ private:
+  std::unique_ptr<z_stream_s> stream_;
+  std::unique_ptr<unsigned char[]> buffer_;
+  bool ended_ = false;
+  bool corrupt_ = false;
+};
+
+}  // namespace corvelstow
