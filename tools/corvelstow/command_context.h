@@ -34,6 +34,7 @@ using CommandList = std::vector<Command>;
 
 // Each file of the command adds its subcommands here.
 void addStatusCommand(CLI::App& app, CommandList& commands);
+void addArchiveCommands(CLI::App& app, CommandList& commands);  // list, cat, verify
 void addLaunchCommands(CLI::App& app, CommandList& commands);
 
 }  // namespace corvelstow::cli

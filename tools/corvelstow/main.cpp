@@ -28,6 +28,7 @@ int main(int argc, char** argv) {
 
   CommandList commands;
   addStatusCommand(app, commands);
+  addArchiveCommands(app, commands);
   addLaunchCommands(app, commands);
 
   try {
