@@ -58,6 +58,9 @@ class PreferencesStore {
   fs::path folder_;
 };
 
+/// The device's user-visible name (on Linux, the host name).
+std::string deviceName();
+
 /// What the platform does once the launch-time file work is done. Apple: watch for window
 /// scenes becoming active. Linux: take this library out of LD_PRELOAD, so that the host's own
 /// child processes do not run the start-up again.

@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <cstdlib>
 
 #include "base/files.h"
@@ -18,6 +20,12 @@ std::optional<fs::path> containerFolder() {
   auto home = environment("CORVELSTOW_HOME");
   if (!home) return std::nullopt;
   return fs::path(*home);
+}
+
+std::string deviceName() {
+  char name[256] = {};
+  if (::gethostname(name, sizeof name - 1) != 0 || name[0] == '\0') return "Linux";
+  return name;
 }
 
 fs::path temporaryFolder() { return environment("TMPDIR").value_or("/tmp"); }

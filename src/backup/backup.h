@@ -1,0 +1,26 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+#include "backup/progress.h"
+#include "base/dates.h"
+#include "store/host_app.h"
+#include "store/layout.h"
+
+namespace corvelstow {
+
+/// Writes the container's Documents and Library (Library/Caches only with `includeCaches`)
+/// into a new ".corvelappdata" archive in the exports folder, which is emptied first, and
+/// stamps lastBackupAt in the settings once the archive is finished. Returns the archive.
+/// Throws StowZipError or StowFileError; a failed backup leaves no archive behind and the
+/// settings as they were.
+fs::path backUp(const StowLayout& layout, const StowHostApp& app, bool includeCaches,
+                const StowProgress& progress);
+
+/// "{app name without /\:?%*|"<> and outer spaces, or App} yyyy-MM-dd HHmm.corvelappdata",
+/// the date in the device's time zone.
+std::string exportFileName(std::string_view appName, StowDate createdAt);
+
+}  // namespace corvelstow

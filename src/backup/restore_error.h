@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstdint>
+#include <exception>
+#include <string>
+
+namespace corvelstow {
+
+/// Why a file cannot be restored, with the one text the user sees.
+class StowRestoreError : public std::exception {
+ public:
+  enum class Kind { incomplete, noManifest, nothingToRestore };
+
+  /// "The backup should hold {expected} files but only {found} came out of it."
+  static StowRestoreError incomplete(std::int64_t expected, std::int64_t found);
+  /// "That file is not an app data backup: it has no manifest."
+  static StowRestoreError noManifest();
+  /// "That backup holds nothing for the part you chose."
+  static StowRestoreError nothingToRestore();
+
+  Kind kind() const noexcept { return kind_; }
+  const char* what() const noexcept override { return message_.c_str(); }
+
+ private:
+  StowRestoreError(Kind kind, std::string message) : kind_(kind), message_(std::move(message)) {}
+
+  Kind kind_;
+  std::string message_;
+};
+
+}  // namespace corvelstow
