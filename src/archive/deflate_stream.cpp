@@ -6,6 +6,7 @@
 #include <limits>
 #include <new>
 #include <stdexcept>
+#include <string>
 
 namespace corvelstow {
 namespace {
