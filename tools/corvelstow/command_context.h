@@ -36,5 +36,6 @@ using CommandList = std::vector<Command>;
 void addStatusCommand(CLI::App& app, CommandList& commands);
 void addArchiveCommands(CLI::App& app, CommandList& commands);  // list, cat, verify
 void addLaunchCommands(CLI::App& app, CommandList& commands);
+void addBackupCommands(CLI::App& app, CommandList& commands);
 
 }  // namespace corvelstow::cli

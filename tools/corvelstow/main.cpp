@@ -30,6 +30,7 @@ int main(int argc, char** argv) {
   addStatusCommand(app, commands);
   addArchiveCommands(app, commands);
   addLaunchCommands(app, commands);
+  addBackupCommands(app, commands);
 
   try {
     app.parse(argc, argv);

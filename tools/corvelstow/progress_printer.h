@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string>
+
+namespace corvelstow::cli {
+
+/// Shows long work's progress on stderr: a bar redrawn in place on a terminal, plain lines
+/// otherwise, so that stdout carries only the result.
+class ProgressPrinter {
+ public:
+  explicit ProgressPrinter(std::string title);
+  ~ProgressPrinter();
+
+  void operator()(double fraction, const std::string& detail);
+
+ private:
+  std::string title_;
+  bool terminal_;
+  bool drawn_ = false;
+};
+
+}  // namespace corvelstow::cli
