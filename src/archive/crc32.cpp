@@ -48,8 +48,7 @@ void StowCRC32::update(const void* bytes, std::size_t length) {
     std::uint32_t low = c ^ loadLittle32(p);
     std::uint32_t high = loadLittle32(p + 4);
     c = t[7][low & 0xFF] ^ t[6][(low >> 8) & 0xFF] ^ t[5][(low >> 16) & 0xFF] ^ t[4][low >> 24] ^
-        t[3][high & 0xFF] ^ t[2][(high >> 8) & 0xFF] ^ t[1][(high >> 16) & 0xFF] ^
-        t[0][high >> 24];
+        t[3][high & 0xFF] ^ t[2][(high >> 8) & 0xFF] ^ t[1][(high >> 16) & 0xFF] ^ t[0][high >> 24];
   }
   for (; length > 0; ++p, --length) c = t[0][(c ^ *p) & 0xFF] ^ (c >> 8);
   value = c;

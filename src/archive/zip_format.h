@@ -13,7 +13,7 @@
 
 namespace corvelstow::zip {
 
-constexpr std::uint16_t kVersionNeeded = 20;     // 2.0: deflate and folders
+constexpr std::uint16_t kVersionNeeded = 20;      // 2.0: deflate and folders
 constexpr std::uint16_t kVersionMadeBy = 0x031E;  // host 3 (Unix), format version 3.0
 constexpr std::uint16_t kFlagDataDescriptor = 1u << 3;
 constexpr std::uint16_t kFlagUtf8 = 1u << 11;

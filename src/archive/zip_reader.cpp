@@ -21,8 +21,7 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t kPieceSize = 1 << 20;
 // The end record and the longest comment it can announce: the end record lies in these last bytes.
-constexpr std::size_t kTailSize =
-    zip::EndOfCentralDirectory::kFixedSize + zip::kMaxCommentLength;
+constexpr std::size_t kTailSize = zip::EndOfCentralDirectory::kFixedSize + zip::kMaxCommentLength;
 
 void writeAll(int fd, std::string_view bytes, const std::string& entryPath) {
   while (!bytes.empty()) {
@@ -43,6 +42,10 @@ StowZipReader::StowZipReader(const fs::path& location) : location_(location) {
   if (!fd_) throwFileError("open", location);
   struct stat info {};
   if (::fstat(fd_.get(), &info) != 0) throwFileError("read", location);
+  if (S_ISDIR(info.st_mode)) {
+    errno = EISDIR;
+    throwFileError("read", location);
+  }
   length_ = static_cast<std::uint64_t>(std::max<off_t>(info.st_size, 0));
   bufferSize_ = static_cast<std::size_t>(std::min<std::uint64_t>(kPieceSize, length_ + 1));
   readDirectory();
@@ -79,7 +82,8 @@ void StowZipReader::extract(const StowZipItem& item, const ByteSink& sink) {
 // when it says so, then read the central directory in one piece and walk it.
 void StowZipReader::readDirectory() {
   // End record
-  const std::size_t tailSize = static_cast<std::size_t>(std::min<std::uint64_t>(length_, kTailSize));
+  const std::size_t tailSize =
+      static_cast<std::size_t>(std::min<std::uint64_t>(length_, kTailSize));
   std::string tail(tailSize, '\0');
   tail.resize(readAt(length_ - tailSize, tail.data(), tailSize));
   if (tail.size() < zip::EndOfCentralDirectory::kFixedSize) throw StowZipError::notAZip();
@@ -142,7 +146,8 @@ std::size_t StowZipReader::readAt(std::uint64_t offset, char* buffer, std::size_
   count = static_cast<std::size_t>(std::min<std::uint64_t>(count, kLastOffset - offset));
   std::size_t done = 0;
   while (done < count) {
-    ssize_t got = ::pread(fd_.get(), buffer + done, count - done, static_cast<off_t>(offset + done));
+    ssize_t got =
+        ::pread(fd_.get(), buffer + done, count - done, static_cast<off_t>(offset + done));
     if (got < 0 && errno == EINTR) continue;
     if (got < 0) throwFileError("read", location_);
     if (got == 0) break;

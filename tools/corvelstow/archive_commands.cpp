@@ -39,8 +39,8 @@ void printList(const CommandContext& context, const std::string& file) {
                 "crc", "path");
   out << line;
   for (const StowZipItem& item : reader.items()) {
-    std::snprintf(line, sizeof line, "%12" PRIu64 " %12" PRIu64 "  %-9s %08" PRIx32 "  ",
-                  item.size, item.compressedSize, methodName(item.method).c_str(), item.crc);
+    std::snprintf(line, sizeof line, "%12" PRIu64 " %12" PRIu64 "  %-9s %08" PRIx32 "  ", item.size,
+                  item.compressedSize, methodName(item.method).c_str(), item.crc);
     out << line << item.path << '\n';
   }
 }
@@ -67,8 +67,8 @@ void verifyArchive(const CommandContext& context, const std::string& file) {
     context.printJson({{"entries", entries}, {"bytes", bytes}});
     return;
   }
-  context.out << "Checked " << entries << (entries == 1 ? " entry" : " entries") << " and "
-              << bytes << (bytes == 1 ? " byte" : " bytes") << ": every checksum matches.\n";
+  context.out << "Checked " << entries << (entries == 1 ? " entry" : " entries") << " and " << bytes
+              << (bytes == 1 ? " byte" : " bytes") << ": every checksum matches.\n";
 }
 
 }  // namespace
