@@ -21,18 +21,15 @@ namespace {
 
 constexpr std::string_view kPrefix = "container/";
 
-/// What one walk of the container found to archive.
+/// What one walk of the container found to archive. Paths are kept relative to the container
+/// as plain strings: tens of thousands of filesystem paths would cost far more memory.
 struct BackupPlan {
   std::vector<std::string> folders;  // relative folder paths, each ending in "/"
-  struct File {
-    fs::path location;
-    std::string relative;
-  };
-  std::vector<File> files;
+  std::vector<std::string> files;    // relative file paths such as "Documents/notes/a.txt"
   std::int64_t totalBytes = 0;
 
-  void addFile(const fs::path& location, std::string relative, std::int64_t size) {
-    files.push_back({location, std::move(relative)});
+  void addFile(std::string relative, std::int64_t size) {
+    files.push_back(std::move(relative));
     totalBytes = checkedAdd(totalBytes, size);
   }
 };
@@ -49,14 +46,14 @@ void walk(const fs::path& folder, const std::string& top, const std::set<std::st
     if (excluded.count(child.name)) continue;
     std::string relative = top + "/" + child.name;
     if (child.kind == TreeEntry::Kind::file) {
-      plan.addFile(folder / child.name, relative, child.size);
+      plan.addFile(relative, child.size);
     } else if (child.kind == TreeEntry::Kind::folder) {
       plan.folders.push_back(relative + "/");
       walkTree(folder / child.name, relative, [&](const TreeEntry& entry) {
         if (entry.kind == TreeEntry::Kind::folder) {
           plan.folders.push_back(entry.relative + "/");
         } else if (entry.kind == TreeEntry::Kind::file) {
-          plan.addFile(folder / entry.relative.substr(top.size() + 1), entry.relative, entry.size);
+          plan.addFile(entry.relative, entry.size);
         }
       });
     }
@@ -84,8 +81,8 @@ std::int64_t sizeOf(const fs::path& file) {
   return ::stat(file.c_str(), &info) == 0 ? info.st_size : 0;
 }
 
-void writeArchive(StowZipWriter& writer, const StowManifest& manifest, const BackupPlan& plan,
-                  const StowProgress& progress) {
+void writeArchive(StowZipWriter& writer, const fs::path& home, const StowManifest& manifest,
+                  const BackupPlan& plan, const StowProgress& progress) {
   writer.add(encodeRecord(manifest), "manifest.json", currentDate());
   writer.addDirectory("container", currentDate());
   for (const auto& folder : plan.folders) {
@@ -94,8 +91,9 @@ void writeArchive(StowZipWriter& writer, const StowManifest& manifest, const Bac
   const size_t n = plan.files.size();
   std::int64_t written = 0;
   for (size_t i = 0; i < n; ++i) {
-    writer.addFile(plan.files[i].location, std::string(kPrefix) + plan.files[i].relative);
-    written = checkedAdd(written, sizeOf(plan.files[i].location));
+    const fs::path location = files::join(home, plan.files[i]);
+    writer.addFile(location, std::string(kPrefix) + plan.files[i]);
+    written = checkedAdd(written, sizeOf(location));
     // Every eighth file and the last, so that many small files do not flood the panel.
     if ((i & 7) == 0 || i == n - 1) {
       double fraction = plan.totalBytes > 0
@@ -146,7 +144,7 @@ fs::path backUp(const StowLayout& layout, const StowHostApp& app, bool includeCa
   {
     StowZipWriter writer(archive);
     ScopeGuard removePartial([&] { ::unlink(archive.c_str()); });
-    writeArchive(writer, manifest, plan, progress);
+    writeArchive(writer, layout.home, manifest, plan, progress);
     removePartial.cancel();
   }
 

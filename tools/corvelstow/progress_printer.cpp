@@ -18,7 +18,10 @@ void ProgressPrinter::operator()(double fraction, const std::string& detail) {
   int percent = static_cast<int>(std::clamp(fraction, 0.0, 1.0) * 100.0 + 0.5);
   drawn_ = true;
   if (!terminal_) {
-    std::fprintf(stderr, "%s: %s (%d%%)\n", title_.c_str(), detail.c_str(), percent);
+    if (percent != lastPercent_) {
+      std::fprintf(stderr, "%s: %s (%d%%)\n", title_.c_str(), detail.c_str(), percent);
+    }
+    lastPercent_ = percent;
     return;
   }
   constexpr int kWidth = 30;

@@ -4,8 +4,8 @@
 
 namespace corvelstow::cli {
 
-/// Shows long work's progress on stderr: a bar redrawn in place on a terminal, plain lines
-/// otherwise, so that stdout carries only the result.
+/// Shows long work's progress on stderr: a bar redrawn in place on a terminal, otherwise a plain
+/// line whenever the percentage moves, so that stdout carries only the result.
 class ProgressPrinter {
  public:
   explicit ProgressPrinter(std::string title);
@@ -17,6 +17,7 @@ class ProgressPrinter {
   std::string title_;
   bool terminal_;
   bool drawn_ = false;
+  int lastPercent_ = -1;
 };
 
 }  // namespace corvelstow::cli
