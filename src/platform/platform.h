@@ -2,6 +2,11 @@
 
 // The engine's only way to the platform. Apple builds implement it with Foundation and UIKit
 // (platform/apple), everything else with POSIX and libplist (platform/posix).
+//
+// The user interface's part of the seam is three interfaces that the shell hands to the panel
+// model, so that tests can hand it a manual clock instead: dispatcher.h (the main queue, the
+// background queue, delayed tasks), formatters.h (byte counts, relative and absolute dates)
+// and app_control.h (the haptic tap, suspending the app, ending the process).
 
 #include <filesystem>
 #include <memory>
