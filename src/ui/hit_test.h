@@ -1,0 +1,27 @@
+#pragma once
+
+#include "ui/geometry.h"
+
+namespace corvelstow {
+
+class StowModel;
+
+/// How far around the pill's frame a touch still hits it, in points on every side: a margin
+/// that makes the small pill easier to hit.
+inline constexpr double kPillHitMargin = 8;
+
+/// The height of the strip under the top safe-area inset where a one-finger hold counts.
+inline constexpr double kOneFingerStripHeight = 40;
+
+/// The overlay window's hit test (pointInside:withEvent:). `model` is the window's weakly held
+/// model, null when it is gone; `panelPresented` says whether the panel is presented over the
+/// overlay. The overlay takes the point when the panel is presented, or when a pill is shown
+/// and the point lies in its frame grown by the margin; every other point falls through to the
+/// app's windows.
+bool overlayTakesPoint(const StowModel* model, bool panelPresented, StowPoint point);
+
+/// Whether a one-finger hold at height `y` in its window counts: from the top safe-area inset
+/// down to 40 points below it, both edges included.
+bool inOneFingerStrip(double safeAreaTop, double y);
+
+}  // namespace corvelstow

@@ -1,0 +1,273 @@
+#include "ui/model.h"
+
+#include <array>
+#include <cstdint>
+#include <random>
+
+#include "backup/backup.h"
+#include "backup/inspection.h"
+#include "backup/staging.h"
+#include "startup/undo.h"
+
+namespace corvelstow {
+
+namespace {
+
+constexpr const char* kBackingUp = "Backing up";
+constexpr const char* kPreparing = "Preparing the restore";
+constexpr const char* kRestoreWaiting = "A restore is waiting. Close and reopen the app.";
+
+}  // namespace
+
+std::string makeUuid() {
+  std::random_device device;
+  std::array<std::uint8_t, 16> bytes{};
+  for (std::size_t i = 0; i < bytes.size(); i += 4) {
+    std::uint32_t word = device();
+    for (std::size_t j = 0; j < 4; ++j) bytes[i + j] = static_cast<std::uint8_t>(word >> (8 * j));
+  }
+  bytes[6] = static_cast<std::uint8_t>((bytes[6] & 0x0f) | 0x40);  // version 4
+  bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3f) | 0x80);  // RFC 4122 variant
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::string text;
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    if (i == 4 || i == 6 || i == 8 || i == 10) text += '-';
+    text += kHex[bytes[i] >> 4];
+    text += kHex[bytes[i] & 0x0f];
+  }
+  return text;
+}
+
+std::shared_ptr<StowModel> StowModel::create(Environment environment) {
+  return std::shared_ptr<StowModel>(new StowModel(std::move(environment)));
+}
+
+StowModel::StowModel(Environment environment)
+    : layout_(std::move(environment.layout)),
+      app_(std::move(environment.app)),
+      dispatcher_(environment.dispatcher),
+      appControl_(environment.appControl) {
+  settings_ = loadSettings(layout_);
+  pending_ = readRecord<StowStagedRestore>(layout_.stagedRecord);
+  previous_ = readRecord<StowStagedRestore>(layout_.previousRecord);
+  outcome_ = readRecord<StowOutcome>(layout_.outcomeRecord);
+}
+
+// Observation
+
+int StowModel::observe(Observer observer) {
+  observers_.emplace_back(nextToken_, std::move(observer));
+  return nextToken_++;
+}
+
+void StowModel::stopObserving(int token) {
+  std::erase_if(observers_, [token](const auto& entry) { return entry.first == token; });
+}
+
+void StowModel::notify(Field field, const StowAnimation& animation) {
+  // A copy, so that an observer may come or go while others are told.
+  auto observers = observers_;
+  for (const auto& [token, observer] : observers) observer(field, animation);
+}
+
+template <typename T>
+void StowModel::publish(T& field, T value, Field name, const StowAnimation& animation) {
+  if (field == value) return;
+  field = std::move(value);
+  notify(name, animation);
+}
+
+// The pill
+
+void StowModel::setPill(Pill pill, const StowAnimation& animation) {
+  publish(pill_, std::move(pill), Field::pill, animation);
+}
+
+void StowModel::cancelHide() {
+  if (hideTask_) hideTask_->cancel();
+  hideTask_.reset();
+}
+
+void StowModel::showPill(Pill pill, double seconds) {
+  cancelHide();
+  setPill(std::move(pill), StowAnimation::spring());
+  // The task holds the model weakly: a model that is gone by then is left alone.
+  std::weak_ptr<StowModel> weak = weak_from_this();
+  hideTask_ = dispatcher_.after(seconds, [weak] {
+    if (auto model = weak.lock()) {
+      model->hideTask_.reset();
+      model->setPill(Pill::none(), StowAnimation::easeInOut());
+    }
+  });
+}
+
+void StowModel::greet() {
+  if (auto outcome = readRecord<StowOutcome>(layout_.outcomeRecord);
+      outcome && !outcome->announced) {
+    // Marked before it shows, so that it is announced exactly once.
+    outcome->announced = true;
+    writeRecord(*outcome, layout_.outcomeRecord);
+    publish(outcome_, std::optional<StowOutcome>(*outcome), Field::outcome);
+    showPill(Pill::restored(*outcome), kRestoredSeconds);
+    return;
+  }
+  if (readRecord<StowStagedRestore>(layout_.stagedRecord)) {
+    showPill(Pill::message(kRestoreWaiting, true), kPillSeconds);
+    return;
+  }
+  if (loadSettings(layout_).showOnLaunch) showPill(Pill::ready(), kPillSeconds);
+}
+
+// The panel
+
+void StowModel::openPanel() {
+  if (panelShown_) return;
+  appControl_.impactHaptic();
+  openPanelFromPill();
+}
+
+void StowModel::openPanelFromPill() {
+  cancelHide();
+  setPill(Pill::none(), StowAnimation::standard());
+  reload();
+  publish(panelShown_, true, Field::panelShown);
+}
+
+void StowModel::closePanel() { publish(panelShown_, false, Field::panelShown); }
+
+void StowModel::readRecords() {
+  publish(settings_, loadSettings(layout_), Field::settings);
+  publish(pending_, readRecord<StowStagedRestore>(layout_.stagedRecord), Field::pending);
+  publish(previous_, readRecord<StowStagedRestore>(layout_.previousRecord), Field::previous);
+  publish(outcome_, readRecord<StowOutcome>(layout_.outcomeRecord), Field::outcome);
+}
+
+void StowModel::reload() {
+  readRecords();
+  runInBackground([layout = layout_]() -> Continuation {
+    StowUsage usage = surveyUsage(layout);
+    return [usage](StowModel& model) {
+      model.publish(model.usage_, std::optional<StowUsage>(usage), Field::usage);
+    };
+  });
+}
+
+// Long work
+
+void StowModel::runInBackground(std::function<Continuation()> job) {
+  std::weak_ptr<StowModel> weak = weak_from_this();
+  dispatcher_.inBackground([job = std::move(job), weak, &dispatcher = dispatcher_] {
+    Continuation then;
+    try {
+      then = job();
+    } catch (const std::exception& error) {
+      then = [message = std::string(error.what())](StowModel& model) { model.fail(message); };
+    }
+    dispatcher.onMain([weak, then = std::move(then)] {
+      if (auto model = weak.lock()) then(*model);
+    });
+  });
+}
+
+StowProgress StowModel::progressFor(const std::string& title) {
+  std::weak_ptr<StowModel> weak = weak_from_this();
+  return [weak, title, &dispatcher = dispatcher_](double fraction, const std::string& detail) {
+    dispatcher.onMain([weak, title, fraction, detail] {
+      if (auto model = weak.lock()) {
+        model->publish(model->work_, Work::running(title, fraction, detail), Field::work);
+      }
+    });
+  };
+}
+
+void StowModel::fail(const std::string& message) {
+  publish(work_, Work::idle(), Field::work);
+  publish(errorText_, std::optional<std::string>(message), Field::errorText);
+}
+
+void StowModel::backUp(std::function<void(const std::filesystem::path&)> completion) {
+  if (!work_.isIdle()) return;
+  publish(errorText_, std::optional<std::string>(), Field::errorText);
+  publish(work_, Work::running(kBackingUp, 0, "Starting"), Field::work);
+  bool includeCaches = settings_.includeCaches;
+  runInBackground([layout = layout_, app = app_, includeCaches, progress = progressFor(kBackingUp),
+                   completion = std::move(completion)]() -> Continuation {
+    std::filesystem::path archive = corvelstow::backUp(layout, app, includeCaches, progress);
+    return [archive, completion](StowModel& model) {
+      model.publish(model.work_, Work::idle(), Field::work);
+      model.publish(model.lastExport_, std::optional<std::filesystem::path>(archive),
+                    Field::lastExport);
+      // The backup stamped lastBackupAt.
+      model.publish(model.settings_, loadSettings(model.layout_), Field::settings);
+      if (completion) completion(archive);
+    };
+  });
+}
+
+void StowModel::chooseBackup(const std::filesystem::path& archive) {
+  if (!work_.isIdle()) return;
+  publish(errorText_, std::optional<std::string>(), Field::errorText);
+  runInBackground([archive]() -> Continuation {
+    StowManifest manifest = readManifest(archive);
+    return [archive, manifest](StowModel& model) {
+      // Every new preview starts from the widest choice.
+      model.publish(model.preview_, std::optional<Preview>(Preview{makeUuid(), archive, manifest}),
+                    Field::preview);
+      model.publish(model.scope_, StowRestoreScope::everything, Field::scope);
+    };
+  });
+}
+
+void StowModel::setScope(StowRestoreScope scope) { publish(scope_, scope, Field::scope); }
+
+void StowModel::prepareRestore() {
+  if (!preview_ || !work_.isIdle()) return;
+  publish(errorText_, std::optional<std::string>(), Field::errorText);
+  publish(work_, Work::running(kPreparing, 0, "Unpacking"), Field::work);
+  runInBackground([layout = layout_, archive = preview_->url, scope = scope_,
+                   progress = progressFor(kPreparing)]() -> Continuation {
+    stageRestore(layout, archive, scope, progress);
+    return [](StowModel& model) {
+      model.publish(model.work_, Work::idle(), Field::work);
+      model.publish(model.preview_, std::optional<Preview>(), Field::preview);
+      model.publish(model.pending_, readRecord<StowStagedRestore>(model.layout_.stagedRecord),
+                    Field::pending);
+    };
+  });
+}
+
+void StowModel::cancelPreview() { publish(preview_, std::optional<Preview>(), Field::preview); }
+
+// Closing the app
+
+void StowModel::closeApp() {
+  appControl_.suspend();
+  // The app is off screen before the process ends, so that the user sees no crash-like exit.
+  dispatcher_.after(kCloseDelay, [&control = appControl_] { control.terminate(); });
+}
+
+void StowModel::undoAndCloseApp() {
+  if (!previous_) return;
+  requestUndo(layout_);
+  closeApp();
+}
+
+// Options
+
+void StowModel::changeSettings(const std::function<void(StowSettings&)>& change) {
+  // From the file rather than memory: a backup may have stamped lastBackupAt since.
+  StowSettings settings = loadSettings(layout_);
+  change(settings);
+  saveSettings(layout_, settings);
+  publish(settings_, settings, Field::settings);
+}
+
+void StowModel::setIncludeCaches(bool on) {
+  changeSettings([on](StowSettings& settings) { settings.includeCaches = on; });
+}
+
+void StowModel::setShowOnLaunch(bool on) {
+  changeSettings([on](StowSettings& settings) { settings.showOnLaunch = on; });
+}
+
+}  // namespace corvelstow

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "ui/model.h"
+
+namespace corvelstow {
+
+/// A colour as sRGB red, green and blue from 0 to 1.
+struct StowColor {
+  double red = 0;
+  double green = 0;
+  double blue = 0;
+
+  bool operator==(const StowColor&) const = default;
+};
+
+/// The overlay's three tints.
+namespace tint {
+inline constexpr StowColor kPink{1.0, 0.17647, 0.33333};   ///< 255, 45, 85: the invitation
+inline constexpr StowColor kGreen{0.20392, 0.82745, 0.6};  ///< 52, 211, 153: good news
+inline constexpr StowColor kRed{1.0, 0.0, 0.43137};        ///< 255, 0, 110: problems
+}  // namespace tint
+
+/// What the pill draws for one state, left to right: the symbol in its tint, the title over
+/// the subtitle, and the button.
+struct StowPillContent {
+  std::string symbol;  ///< a system symbol name
+  StowColor tint;
+  std::string title;
+  std::optional<std::string> subtitle;
+  std::optional<std::string> buttonLabel;  ///< "Open" or "Details"; none for a message
+  bool tapOpensPanel = false;              ///< whether a tap on the pill opens the panel
+
+  bool operator==(const StowPillContent&) const = default;
+};
+
+/// How the pill is laid out, in points (the view applies them).
+namespace pill_layout {
+inline constexpr double kMaxWidth = 440;         ///< the pill is never wider, on any screen
+inline constexpr double kSymbolFrame = 34;       ///< the symbol's square frame
+inline constexpr double kSymbolSize = 16;        ///< semibold
+inline constexpr double kSymbolBackdrop = 0.14;  ///< the tint's opacity behind the symbol
+inline constexpr double kTitleSize = 14;         ///< semibold
+inline constexpr double kSubtitleSize = 11;      ///< regular
+inline constexpr double kButtonSize = 13;        ///< semibold, on the tint
+inline constexpr double kButtonPaddingX = 14;
+inline constexpr double kButtonPaddingY = 7;
+inline constexpr double kShadowOpacity = 0.35;  ///< black
+}  // namespace pill_layout
+
+/// What the pill shows for `pill`; nothing for `none`, when nothing is drawn.
+std::optional<StowPillContent> pillContent(const StowModel::Pill& pill);
+
+}  // namespace corvelstow
