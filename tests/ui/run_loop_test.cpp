@@ -1,14 +1,14 @@
 // The Linux dispatcher with real threads. No test waits for time to pass: delays are zero or
 // a few milliseconds, and only the order of what runs is checked.
 
+#include "platform/posix/run_loop.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include "platform/posix/run_loop.h"
 
 namespace corvelstow::platform {
 namespace {

@@ -43,7 +43,9 @@ std::u16string toUtf16(const std::string& text) {
   return units;
 }
 
-UDate toUDate(StowDate date) { return static_cast<UDate>(date.time_since_epoch().count()) * 1000.0; }
+UDate toUDate(StowDate date) {
+  return static_cast<UDate>(date.time_since_epoch().count()) * 1000.0;
+}
 
 // The POSIX locale ("C", or LANG unset) is meant for machine-readable output; the panel's texts
 // are English, so they are formatted for en_US there.
@@ -118,8 +120,8 @@ IcuFormatters::IcuFormatters(const std::string& locale, const std::string& timeZ
   handles_->relative = ureldatefmt_open(name.c_str(), nullptr, UDAT_STYLE_LONG,
                                         UDISPCTX_CAPITALIZATION_NONE, &status);
   check(status, "open a relative date format");
-  handles_->date = udat_open(UDAT_SHORT, UDAT_MEDIUM, name.c_str(), zoneID, zoneLength, nullptr,
-                             0, &status);
+  handles_->date =
+      udat_open(UDAT_SHORT, UDAT_MEDIUM, name.c_str(), zoneID, zoneLength, nullptr, 0, &status);
   check(status, "open a date format");
   handles_->calendar = ucal_open(zoneID, zoneLength, name.c_str(), UCAL_GREGORIAN, &status);
   check(status, "open a calendar");
@@ -164,7 +166,8 @@ std::string IcuFormatters::relativeDate(StowDate date, StowDate now) const {
 std::string IcuFormatters::dateAndTime(StowDate date) const {
   UChar text[kTextCapacity];
   UErrorCode status = U_ZERO_ERROR;
-  int32_t length = udat_format(handles_->date, toUDate(date), text, kTextCapacity, nullptr, &status);
+  int32_t length =
+      udat_format(handles_->date, toUDate(date), text, kTextCapacity, nullptr, &status);
   check(status, "format a date");
   return toUtf8(text, length);
 }
