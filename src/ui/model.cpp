@@ -186,10 +186,14 @@ void StowModel::fail(const std::string& message) {
 }
 
 void StowModel::backUp(std::function<void(const std::filesystem::path&)> completion) {
+  backUpWith(settings_.includeCaches, std::move(completion));
+}
+
+void StowModel::backUpWith(bool includeCaches,
+                           std::function<void(const std::filesystem::path&)> completion) {
   if (!work_.isIdle()) return;
   publish(errorText_, std::optional<std::string>(), Field::errorText);
   publish(work_, Work::running(kBackingUp, 0, "Starting"), Field::work);
-  bool includeCaches = settings_.includeCaches;
   runInBackground([layout = layout_, app = app_, includeCaches, progress = progressFor(kBackingUp),
                    completion = std::move(completion)]() -> Continuation {
     std::filesystem::path archive = corvelstow::backUp(layout, app, includeCaches, progress);

@@ -210,6 +210,11 @@ class StowModel : public std::enable_shared_from_this<StowModel> {
   /// error's text becomes errorText. Nothing while other work runs.
   void backUp(std::function<void(const std::filesystem::path&)> completion = {});
 
+  /// As backUp, with the choice about caches given rather than the saved one (the command
+  /// line's --include-caches); the saved option is left as it is.
+  void backUpWith(bool includeCaches,
+                  std::function<void(const std::filesystem::path&)> completion = {});
+
   /// Reads the manifest of `archive` in the background: a preview on success (the scope back
   /// to everything), errorText on failure. Nothing while work runs.
   void chooseBackup(const std::filesystem::path& archive);

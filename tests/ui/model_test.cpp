@@ -4,6 +4,7 @@
 
 #include "archive/zip_writer.h"
 #include "backup/backup.h"
+#include "backup/inspection.h"
 #include "backup/usage.h"
 #include "model_fixture.h"
 
@@ -244,6 +245,24 @@ TEST_F(ModelTest, AFailedBackUpSetsTheErrorTextAndFinishesIdle) {
   EXPECT_FALSE(model->errorText());
   dispatcher.settle();
   EXPECT_TRUE(model->lastExport());
+}
+
+TEST_F(ModelTest, BackUpTakesTheCachesChoiceFromTheSettingsOrAsGiven) {
+  writeFile(layout.documents / "a.txt", "a");
+  writeFile(layout.library / "Caches/c", "c");
+  model->backUp();
+  dispatcher.settle();
+  EXPECT_EQ(readManifest(*model->lastExport()).fileCount, 1);
+
+  model->backUpWith(true);
+  dispatcher.settle();
+  EXPECT_EQ(readManifest(*model->lastExport()).fileCount, 2);
+  EXPECT_FALSE(loadSettings(layout).includeCaches);
+
+  model->setIncludeCaches(true);
+  model->backUp();
+  dispatcher.settle();
+  EXPECT_EQ(readManifest(*model->lastExport()).fileCount, 2);
 }
 
 TEST_F(ModelTest, NoSecondLongOperationStartsWhileOneRuns) {

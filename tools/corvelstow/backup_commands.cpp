@@ -3,13 +3,13 @@
 
 #include <cerrno>
 #include <ostream>
+#include <stdexcept>
 
-#include "backup/backup.h"
 #include "backup/inspection.h"
-#include "backup/staging.h"
 #include "backup/usage.h"
 #include "base/file_error.h"
 #include "command_context.h"
+#include "model_session.h"
 #include "progress_printer.h"
 #include "store/host_app.h"
 
@@ -20,11 +20,19 @@ std::string plural(std::int64_t n, const char* one, const char* many) {
   return std::to_string(n) + " " + (n == 1 ? one : many);
 }
 
+// Through the panel model, as "Back Up Now" does: its progress is the model's.
 void backup(const CommandContext& context, bool includeCachesFlag) {
-  const StowLayout& layout = context.container();
-  bool includeCaches = includeCachesFlag || loadSettings(layout).includeCaches;
+  ModelSession session(context.container());
+  StowModel& model = session.model();
   ProgressPrinter progress("Backing up");
-  fs::path archive = backUp(layout, StowHostApp::shared(), includeCaches, std::ref(progress));
+  session.followWork(std::ref(progress));
+  if (includeCachesFlag) {
+    model.backUpWith(true);
+  } else {
+    model.backUp();
+  }
+  session.finishWork();
+  fs::path archive = *model.lastExport();
   if (context.json) {
     context.printJson({{"archive", archive.string()}, {"manifest", toJson(readManifest(archive))}});
   } else {
@@ -53,13 +61,21 @@ void inspect(const CommandContext& context, const fs::path& archive) {
   }
 }
 
+// Through the panel model, as choosing a backup and "Prepare Restore" do.
 void restore(const CommandContext& context, const fs::path& archive, StowRestoreScope scope) {
-  const StowLayout& layout = context.container();
+  ModelSession session(context.container());
+  StowModel& model = session.model();
+  model.chooseBackup(archive);
+  session.runUntil([&] { return model.preview() || model.errorText(); });
+  if (model.errorText()) throw std::runtime_error(*model.errorText());
+  model.setScope(scope);
   {
     ProgressPrinter progress("Preparing the restore");
-    stageRestore(layout, archive, scope, std::ref(progress));
+    session.followWork(std::ref(progress));
+    model.prepareRestore();
+    session.finishWork();
   }
-  auto staged = readRecord<StowStagedRestore>(layout.stagedRecord);
+  const auto& staged = model.pending();
   if (context.json) {
     context.printJson(staged ? toJson(*staged) : nlohmann::json(nullptr));
   } else {

@@ -37,5 +37,6 @@ void addStatusCommand(CLI::App& app, CommandList& commands);
 void addArchiveCommands(CLI::App& app, CommandList& commands);  // list, cat, verify
 void addLaunchCommands(CLI::App& app, CommandList& commands);
 void addBackupCommands(CLI::App& app, CommandList& commands);
+void addGreetCommand(CLI::App& app, CommandList& commands);
 
 }  // namespace corvelstow::cli

@@ -31,6 +31,7 @@ int main(int argc, char** argv) {
   addArchiveCommands(app, commands);
   addLaunchCommands(app, commands);
   addBackupCommands(app, commands);
+  addGreetCommand(app, commands);
 
   try {
     app.parse(argc, argv);

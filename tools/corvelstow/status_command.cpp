@@ -1,10 +1,14 @@
-// corvelstow status: what is known about the container and its app.
+// corvelstow status: the panel of the container's app, drawn in the terminal from the same data
+// the app's panel shows.
 
 #include <ostream>
 
 #include "command_context.h"
+#include "model_session.h"
+#include "panel_output.h"
 #include "store/host_app.h"
 #include "store/records.h"
+#include "ui/panel_content.h"
 
 namespace corvelstow::cli {
 namespace {
@@ -18,53 +22,39 @@ nlohmann::json optionalText(const std::optional<std::string>& text) {
   return text ? nlohmann::json(*text) : nlohmann::json(nullptr);
 }
 
-std::string onOff(bool value) { return value ? "on" : "off"; }
-
 void printStatus(const CommandContext& context) {
   const StowLayout& layout = context.container();
-  const StowHostApp& app = StowHostApp::shared();
-  StowSettings settings = loadSettings(layout);
-  auto pending = readRecord<StowStagedRestore>(layout.stagedRecord);
-  auto previous = readRecord<StowStagedRestore>(layout.previousRecord);
-  auto outcome = readRecord<StowOutcome>(layout.outcomeRecord);
+  ModelSession session(layout);
+  StowModel& model = session.model();
+  // What opening the panel does: read the records, and survey the data in the background.
+  model.reload();
+  session.runUntil([&] { return model.usage().has_value(); });
+  StowPanelContent panel = panelContent(model, session.formatters(), currentDate());
 
   if (context.json) {
+    const StowHostApp& app = model.app();
     context.printJson({{"app",
                         {{"bundleID", app.bundleID},
                          {"name", app.name},
                          {"version", optionalText(app.version)},
                          {"teamID", optionalText(app.teamID)}}},
-                       {"settings", toJson(settings)},
-                       {"pending", jsonOrNull(pending)},
-                       {"previous", jsonOrNull(previous)},
-                       {"outcome", jsonOrNull(outcome)}});
+                       {"settings", toJson(model.settings())},
+                       {"pending", jsonOrNull(model.pending())},
+                       {"previous", jsonOrNull(model.previous())},
+                       {"outcome", jsonOrNull(model.outcome())},
+                       {"usage", usageJson(model.usage())},
+                       {"panel", panelJson(panel)}});
     return;
   }
-
-  std::ostream& out = context.out;
-  out << app.name << " (" << app.bundleID << ")";
-  if (app.version) out << ", version " << *app.version;
-  if (app.teamID) out << ", team " << *app.teamID;
-  out << "\nContainer: " << layout.home.string() << "\n";
-  out << "Show when the app opens: " << onOff(settings.showOnLaunch)
-      << "; include caches: " << onOff(settings.includeCaches) << "\n";
-  out << "Last backup: "
-      << (settings.lastBackupAt ? formatInternetDate(*settings.lastBackupAt) : "never") << "\n";
-  if (pending) {
-    out << "Restore waiting: " << title(pending->scope) << " from " << pending->manifest.appName
-        << ", staged " << formatInternetDate(pending->stagedAt) << "\n";
-  }
-  if (outcome) {
-    out << "Last restore: " << outcome->message << " (applied "
-        << formatInternetDate(outcome->appliedAt) << ")\n";
-  }
-  if (previous) out << "Undo available: the data from before the restore is kept.\n";
+  context.out << "Container: " << layout.home.string() << "\n\n";
+  printPanel(context.out, panel, bundleIcon());
 }
 
 }  // namespace
 
 void addStatusCommand(CLI::App& app, CommandList& commands) {
-  auto* status = app.add_subcommand("status", "Show the app, its settings and any restore");
+  auto* status = app.add_subcommand(
+      "status", "Show the app's panel: its data, a waiting or last restore, the options");
   commands.push_back({status, printStatus});
 }
 
