@@ -89,5 +89,15 @@ TEST(IcuFormattersTest, DatesWithAMediumDateAndAShortTimeInTheTimeZone) {
   EXPECT_EQ(IcuFormatters("de_DE", "Europe/Berlin").dateAndTime(date), "01.05.2024, 11:30");
 }
 
+TEST(IcuFormattersTest, ThePosixAndRootLocalesFormatAsEnglish) {
+  StowDate now = at("2024-05-15T12:00:00Z");
+  for (const char* locale : {"en_US_POSIX", "root"}) {
+    IcuFormatters format(locale, "UTC");
+    EXPECT_EQ(format.relativeDate(at("2022-05-15T12:00:00Z"), now), "2 years ago") << locale;
+    EXPECT_EQ(format.byteCount(5500000), "5.5 MB") << locale;
+    EXPECT_EQ(format.dateAndTime(now), "May 15, 2024, 12:00\u202fPM") << locale;
+  }
+}
+
 }  // namespace
 }  // namespace corvelstow::platform

@@ -47,11 +47,12 @@ UDate toUDate(StowDate date) {
   return static_cast<UDate>(date.time_since_epoch().count()) * 1000.0;
 }
 
-// The POSIX locale ("C", or LANG unset) is meant for machine-readable output; the panel's texts
-// are English, so they are formatted for en_US there.
+// The POSIX locale ("C", or LANG unset) is meant for machine-readable output, and the root
+// locale (an empty LC_ALL) has no names for anything; the panel's texts are English, so they
+// are formatted for en_US there.
 std::string localeName(const std::string& requested) {
   std::string name = requested.empty() ? uloc_getDefault() : requested;
-  return name == "en_US_POSIX" ? "en_US" : name;
+  return name.empty() || name == "root" || name == "en_US_POSIX" ? "en_US" : name;
 }
 
 // The decimal units of the file style: how many bytes make one, and how many fraction digits
