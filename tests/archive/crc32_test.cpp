@@ -4,8 +4,6 @@
 #include <zlib.h>
 
 #include <random>
-#include <thread>
-#include <vector>
 
 #include "archive_test_support.h"
 
@@ -55,18 +53,6 @@ TEST(CRC32Test, MatchesZlibForEveryLengthAlignmentAndSplit) {
     crc.update(bytes.data() + second, bytes.size() - second);
     ASSERT_EQ(crc.checksum(), zlibCrc(bytes)) << first << " " << second;
   }
-}
-
-TEST(CRC32Test, GivesTheSameResultOnThreadsThatStartTogether) {
-  const std::string bytes = testing::randomBytes(100000, 3);
-  const std::uint32_t expected = zlibCrc(bytes);
-  std::vector<std::uint32_t> results(8);
-  std::vector<std::thread> threads;
-  for (std::size_t i = 0; i < results.size(); ++i) {
-    threads.emplace_back([&, i] { results[i] = checksumOf(bytes); });
-  }
-  for (auto& thread : threads) thread.join();
-  for (std::uint32_t result : results) EXPECT_EQ(result, expected);
 }
 
 }  // namespace
