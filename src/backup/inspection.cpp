@@ -4,6 +4,7 @@
 
 #include "archive/zip_error.h"
 #include "base/file_error.h"
+#include "platform/platform.h"
 
 namespace corvelstow {
 namespace {
@@ -42,6 +43,8 @@ StowManifest readManifest(StowZipReader& reader) {
 }
 
 StowManifest readManifest(const std::filesystem::path& archive) {
+  // The archive may lie outside the app's folders, where the document picker found it.
+  platform::ScopedFileAccess access(archive);
   StowZipReader reader(archive);
   return readManifest(reader);
 }

@@ -14,6 +14,7 @@
 #include "base/files.h"
 #include "base/scope_guard.h"
 #include "base/unique_fd.h"
+#include "platform/platform.h"
 #include "startup/startup.h"
 
 namespace corvelstow {
@@ -109,6 +110,8 @@ std::int64_t unpack(StowZipReader& reader, const std::vector<const StowZipItem*>
 
 void stageRestore(const StowLayout& layout, const fs::path& archive, StowRestoreScope scope,
                   const StowProgress& progress) {
+  // Ends (when it began) whatever happens below, failures included.
+  platform::ScopedFileAccess access(archive);
   clearStaging(layout);
   if (!files::createFolders(layout.staged)) throwFileError("create the folder", layout.staged);
   StowZipReader reader(archive);

@@ -66,6 +66,21 @@ class PreferencesStore {
 /// The device's user-visible name (on Linux, the host name).
 std::string deviceName();
 
+/// Access to a file that the user picked outside the app's own folders, for as long as this
+/// object lives. Apple: startAccessingSecurityScopedResource on the location the document
+/// picker returned, and stopAccessingSecurityScopedResource at the end when access began.
+/// Elsewhere plain file access is enough, and this does nothing. Never throws.
+class ScopedFileAccess {
+ public:
+  explicit ScopedFileAccess(const fs::path& file) noexcept;
+  ~ScopedFileAccess();
+  ScopedFileAccess(const ScopedFileAccess&) = delete;
+  ScopedFileAccess& operator=(const ScopedFileAccess&) = delete;
+
+ private:
+  void* grant_ = nullptr;  ///< Apple: the location whose access began, retained; else null
+};
+
 /// What the platform does once the launch-time file work is done. Apple: watch for window
 /// scenes becoming active. Linux: take this library out of LD_PRELOAD, so that the host's own
 /// child processes do not run the start-up again.
