@@ -15,4 +15,9 @@ bool inOneFingerStrip(double safeAreaTop, double y) {
   return safeAreaTop <= y && y <= safeAreaTop + kOneFingerStripHeight;
 }
 
+bool holdTakesTouch(bool stripRecognizer, const std::optional<StowWindowTouch>& touch) {
+  if (!stripRecognizer || !touch) return true;
+  return inOneFingerStrip(touch->safeAreaTop, touch->y);
+}
+
 }  // namespace corvelstow

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <optional>
+
 #include "ui/geometry.h"
 
 namespace corvelstow {
@@ -23,5 +25,17 @@ bool overlayTakesPoint(const StowModel* model, bool panelPresented, StowPoint po
 /// Whether a one-finger hold at height `y` in its window counts: from the top safe-area inset
 /// down to 40 points below it, both edges included.
 bool inOneFingerStrip(double safeAreaTop, double y);
+
+/// A touch as a hold recognizer on a host window sees it: the window's top safe-area inset and
+/// the touch's height in the window.
+struct StowWindowTouch {
+  double safeAreaTop = 0;
+  double y = 0;
+};
+
+/// Whether a hold recognizer takes a touch (gestureRecognizer:shouldReceiveTouch:). The
+/// three-finger hold takes every touch; a one-finger (strip) hold takes one only in the strip
+/// (inOneFingerStrip), unless its view is not a window (`touch` absent), when it takes all.
+bool holdTakesTouch(bool stripRecognizer, const std::optional<StowWindowTouch>& touch);
 
 }  // namespace corvelstow

@@ -1,5 +1,7 @@
 #include "ui/pill_content.h"
 
+#include <algorithm>
+
 namespace corvelstow {
 
 namespace {
@@ -45,6 +47,16 @@ struct PillVisitor {
 
 std::optional<StowPillContent> pillContent(const StowModel::Pill& pill) {
   return std::visit(PillVisitor{}, pill.state);
+}
+
+double pillWidth(double safeAreaWidth) {
+  return std::clamp(safeAreaWidth - 2 * pill_layout::kSideMargin, 0.0, pill_layout::kMaxWidth);
+}
+
+StowRect pillFrame(const StowRect& safeArea, double height) {
+  StowRect area = safeArea.standardized();
+  double width = pillWidth(area.width);
+  return {area.x + (area.width - width) / 2, area.y + pill_layout::kTopMargin, width, height};
 }
 
 }  // namespace corvelstow

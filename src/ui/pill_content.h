@@ -48,7 +48,29 @@ inline constexpr double kButtonSize = 13;        ///< semibold, on the tint
 inline constexpr double kButtonPaddingX = 14;
 inline constexpr double kButtonPaddingY = 7;
 inline constexpr double kShadowOpacity = 0.35;  ///< black
+inline constexpr int kTitleLines = 2;           ///< longer texts end in an ellipsis
+inline constexpr int kSubtitleLines = 2;
+// The card: a rounded rectangle with a thin stroke, over a shadow.
+inline constexpr double kCornerRadius = 22;
+inline constexpr double kPadding = 10;  ///< inside the card, on every side
+inline constexpr double kSpacing = 8;   ///< between the symbol, the texts and the button
+inline constexpr double kShadowRadius = 12;
+inline constexpr double kShadowOffsetY = 6;  ///< the shadow falls this far below the card
+/// The symbol's backdrop; the button is a capsule.
+inline constexpr double kSymbolCornerRadius = 10;
+// Where the card sits in the overlay: at the top, centred under the status bar.
+inline constexpr double kSideMargin = 12;  ///< at least this far from the safe area's sides
+inline constexpr double kTopMargin = 8;    ///< below the safe area's top
 }  // namespace pill_layout
+
+/// The pill's width in a safe area `safeAreaWidth` points wide: the width less the side
+/// margins, never more than kMaxWidth, never negative.
+double pillWidth(double safeAreaWidth);
+
+/// The pill's frame, `height` points high, in the coordinates of `safeArea` (the overlay
+/// window's bounds less its safe-area insets): pillWidth wide, centred across the safe area,
+/// kTopMargin below its top.
+StowRect pillFrame(const StowRect& safeArea, double height);
 
 /// What the pill shows for `pill`; nothing for `none`, when nothing is drawn.
 std::optional<StowPillContent> pillContent(const StowModel::Pill& pill);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 
@@ -111,6 +112,41 @@ TEST(OneFingerStripTest, CountsFromTheSafeAreaTopToFortyPointsBelowItInclusive) 
   EXPECT_FALSE(inOneFingerStrip(47, 46.5));
   EXPECT_TRUE(inOneFingerStrip(0, 40));
   EXPECT_FALSE(inOneFingerStrip(0, 41));
+}
+
+TEST(HoldTouchTest, OnlyTheOneFingerHoldOnAWindowIsLimitedToTheStrip) {
+  // The three-finger hold takes touches anywhere, in the strip or not.
+  EXPECT_TRUE(holdTakesTouch(false, StowWindowTouch{47, 600}));
+  EXPECT_TRUE(holdTakesTouch(false, std::nullopt));
+  // The one-finger hold: inside the strip only, both edges included.
+  EXPECT_TRUE(holdTakesTouch(true, StowWindowTouch{47, 87}));
+  EXPECT_FALSE(holdTakesTouch(true, StowWindowTouch{47, 88}));
+  EXPECT_FALSE(holdTakesTouch(true, StowWindowTouch{47, 20}));
+  // ...unless its view is not a window, when there is no strip to measure.
+  EXPECT_TRUE(holdTakesTouch(true, std::nullopt));
+}
+
+TEST(PillLayoutTest, ThePillIsAtMost440PointsWideCentredUnderTheSafeAreaTop) {
+  // An iPad: the width stops at 440 points, centred.
+  EXPECT_EQ(pillFrame({0, 24, 1024, 1342}, 60), (StowRect{292, 32, 440, 60}));
+  // A phone: the safe area less 12 points on each side.
+  EXPECT_EQ(pillFrame({0, 47, 390, 763}, 58), (StowRect{12, 55, 366, 58}));
+  // A phone in landscape: centred across the safe area, not the screen.
+  EXPECT_EQ(pillFrame({47, 0, 750, 369}, 58), (StowRect{202, 8, 440, 58}));
+  EXPECT_DOUBLE_EQ(pillWidth(100000), 440);
+  EXPECT_DOUBLE_EQ(pillWidth(20), 0);
+  EXPECT_DOUBLE_EQ(pillWidth(-5), 0);
+}
+
+TEST(PillLayoutTest, TheCardUsesOnlyItsListedMeasures) {
+  // Corners, padding and shadow take their values from 22, 12, 10, 8 and 6 points.
+  const std::array<double, 5> listed{22, 12, 10, 8, 6};
+  for (double measure : {pill_layout::kCornerRadius, pill_layout::kPadding, pill_layout::kSpacing,
+                         pill_layout::kShadowRadius, pill_layout::kShadowOffsetY}) {
+    EXPECT_NE(std::find(listed.begin(), listed.end(), measure), listed.end()) << measure;
+  }
+  // The symbol's backdrop fits inside its frame.
+  EXPECT_LE(2 * pill_layout::kSymbolCornerRadius, pill_layout::kSymbolFrame);
 }
 
 }  // namespace
