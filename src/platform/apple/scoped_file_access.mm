@@ -40,8 +40,9 @@ NSURL* pickedFileLocation(NSString* path) {
 
 ScopedFileAccess::ScopedFileAccess(const fs::path& file) noexcept {
   grant_ = apple::catchingAll(static_cast<void*>(nullptr), [&file]() -> void* {
-    NSString* path = [NSFileManager.defaultManager stringWithFileSystemRepresentation:file.c_str()
-                                                                                length:file.native().size()];
+    NSString* path =
+        [NSFileManager.defaultManager stringWithFileSystemRepresentation:file.c_str()
+                                                                  length:file.native().size()];
     if (path.length == 0) return nullptr;
     NSURL* location = apple::pickedFileLocation(path);
     if (![location startAccessingSecurityScopedResource]) return nullptr;
