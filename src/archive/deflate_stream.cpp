@@ -3,6 +3,7 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <cmath>
 #include <limits>
 #include <new>
 #include <stdexcept>
@@ -27,7 +28,9 @@ constexpr std::size_t kMaxSlice = std::numeric_limits<uInt>::max();
 // DeflateStream
 
 DeflateStream::DeflateStream()
-    : stream_(std::make_unique<z_stream>()), buffer_(new unsigned char[kBufferSize]) {
+    : stream_(std::make_unique<z_stream>()),
+      buffer_(new unsigned char[kBufferSize]),
+      level_(Z_DEFAULT_COMPRESSION) {
   int status = deflateInit2(stream_.get(), Z_DEFAULT_COMPRESSION, Z_DEFLATED, kRawWindowBits,
                             kMemoryLevel, Z_DEFAULT_STRATEGY);
   if (status != Z_OK) throwZlibFailure(status);
@@ -44,11 +47,56 @@ DeflateStream& DeflateStream::operator=(DeflateStream&& other) noexcept {
     if (stream_) deflateEnd(stream_.get());
     stream_ = std::move(other.stream_);
     buffer_ = std::move(other.buffer_);
+    level_ = other.level_;
   }
   return *this;
 }
 
-void DeflateStream::reset() { deflateReset(stream_.get()); }
+void DeflateStream::reset() {
+  deflateReset(stream_.get());
+  if (level_ != Z_DEFAULT_COMPRESSION) {
+    // Right after a reset no data is pending, so zlib changes the level without output.
+    deflateParams(stream_.get(), Z_DEFAULT_COMPRESSION, Z_DEFAULT_STRATEGY);
+    level_ = Z_DEFAULT_COMPRESSION;
+  }
+}
+
+void DeflateStream::setLevel(int level, const ByteSink& sink) {
+  if (level == level_) return;
+  // zlib compresses what it holds with the old level before it switches, and needs room for
+  // that output: empty it to a block boundary first, then retry while it asks for room.
+  stream_->next_in = nullptr;
+  stream_->avail_in = 0;
+  run(Z_BLOCK, sink);
+  int status = Z_BUF_ERROR;
+  while (status == Z_BUF_ERROR) {
+    stream_->next_out = buffer_.get();
+    stream_->avail_out = kBufferSize;
+    status = deflateParams(stream_.get(), level, Z_DEFAULT_STRATEGY);
+    std::size_t produced = kBufferSize - stream_->avail_out;
+    if (produced > 0) sink({reinterpret_cast<const char*>(buffer_.get()), produced});
+    if (status == Z_BUF_ERROR && produced == 0) run(Z_BLOCK, sink);
+  }
+  if (status != Z_OK) throwZlibFailure(status);
+  level_ = level;
+}
+
+bool looksIncompressible(std::string_view piece) {
+  // Order-0 entropy of the bytes: about 8 bits for random data and compressed formats, well
+  // under 7 for text, databases and most binaries. Small pieces say too little to judge.
+  constexpr std::size_t kSmallest = 4096;
+  constexpr double kThreshold = 7.9;
+  if (piece.size() < kSmallest) return false;
+  std::size_t counts[256] = {};
+  for (unsigned char byte : piece) ++counts[byte];
+  double entropy = 0, total = static_cast<double>(piece.size());
+  for (std::size_t count : counts) {
+    if (count == 0) continue;
+    double p = static_cast<double>(count) / total;
+    entropy -= p * std::log2(p);
+  }
+  return entropy >= kThreshold;
+}
 
 void DeflateStream::write(std::string_view input, const ByteSink& sink) {
   while (!input.empty()) {

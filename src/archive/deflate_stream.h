@@ -26,8 +26,12 @@ class DeflateStream {
   DeflateStream(DeflateStream&& other) noexcept;
   DeflateStream& operator=(DeflateStream&& other) noexcept;
 
-  /// Forgets any unfinished input and starts a new stream.
+  /// Forgets any unfinished input and starts a new stream at the default level.
   void reset();
+
+  /// Compresses what follows at `level` (0, stored blocks, to 9), handing what was pending to
+  /// `sink` first. The output stays one valid DEFLATE stream.
+  void setLevel(int level, const ByteSink& sink);
   /// Compresses `input`, handing every full buffer to `sink`.
   void write(std::string_view input, const ByteSink& sink);
   /// Ends the stream, handing the rest of the output to `sink`.
@@ -38,7 +42,12 @@ class DeflateStream {
 
   std::unique_ptr<z_stream_s> stream_;  // zlib's state points back at it: it must not move
   std::unique_ptr<unsigned char[]> buffer_;
+  int level_;
 };
+
+/// Whether `piece` looks like data DEFLATE cannot shrink (compressed media, encrypted or random
+/// bytes): its bytes are spread almost evenly over all 256 values.
+bool looksIncompressible(std::string_view piece);
 
 /// Decompresses. Move-only; the zlib state is released by the destructor.
 class InflateStream {

@@ -40,6 +40,32 @@ TEST(DeflateStreamTest, RoundTripsSeveralInputsThroughOneResetStream) {
   }
 }
 
+// Dense pieces go into stored blocks and the rest is compressed, within one valid stream; a
+// reset stream starts at the default level again.
+TEST(DeflateStreamTest, SwitchesLevelsMidStreamAndJudgesDensity) {
+  const std::string text = testing::sampleText(300000), noise = testing::randomBytes(300000, 9);
+  EXPECT_FALSE(looksIncompressible(text));
+  EXPECT_TRUE(looksIncompressible(noise));
+  EXPECT_FALSE(looksIncompressible(noise.substr(0, 1000)));  // too little to judge
+
+  DeflateStream deflater;
+  for (int round = 0; round < 2; ++round) {
+    deflater.reset();
+    std::string compressed;
+    const ByteSink collect = [&](std::string_view piece) { compressed += piece; };
+    std::string input;
+    for (const std::string* piece : {&text, &noise, &text, &noise}) {
+      deflater.setLevel(looksIncompressible(*piece) ? 0 : -1, collect);
+      deflater.write(*piece, collect);
+      input += *piece;
+    }
+    deflater.finish(collect);
+    ASSERT_EQ(testing::zlibInflateRaw(compressed), input);
+    // Stored noise costs a few bytes a block; the text still shrinks.
+    EXPECT_LT(compressed.size(), 2 * noise.size() + text.size() / 2);
+  }
+}
+
 TEST(DeflateStreamTest, InflateStopsAtTheEndAndReportsCorruptInput) {
   DeflateStream deflater;
   std::string compressed;
