@@ -31,7 +31,8 @@ int rename(const char* from, const char* to) {
     errno = EIO;
     return -1;
   }
-  int (*real_rename)(const char*, const char*) =
-      (int (*)(const char*, const char*))dlsym(RTLD_NEXT, "rename");
+  // dlsym returns functions as object pointers; POSIX guarantees the round trip.
+  int (*real_rename)(const char*, const char*);
+  *(void**)(&real_rename) = dlsym(RTLD_NEXT, "rename");
   return real_rename(from, to);
 }

@@ -1,6 +1,8 @@
 #include "store/records.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <nlohmann/json.hpp>
@@ -192,15 +194,23 @@ TEST(RecordsTest, WriterNeverThrowsAndKeepsTheOlderFileOnFailure) {
   EXPECT_NO_THROW(writeRecord(StowOutcome{}, layout.outcomeRecord));
   EXPECT_FALSE(fs::exists(layout.outcomeRecord));
 
-  StowOutcome first{true, "first"};
+  StowOutcome first;
+  first.message = "first";
   StowLayout other = StowLayout::forRoots(folder / "other", folder / "tmp");
   writeRecord(first, other.outcomeRecord);
-  fs::create_directories(other.workFolder / "outcome.json.lock");  // unrelated entry stays
-  if (::geteuid() != 0) {
-    ::chmod(other.workFolder.c_str(), 0555);
-    writeRecord(StowOutcome{false, "second"}, other.outcomeRecord);
-    ::chmod(other.workFolder.c_str(), 0755);
-  }
+  // A file-size limit makes the next write fail part-way, whoever runs the test.
+  StowOutcome second;
+  second.message = "second";
+  ::signal(SIGXFSZ, SIG_IGN);
+  rlimit saved{};
+  ::getrlimit(RLIMIT_FSIZE, &saved);
+  rlimit tiny = saved;
+  tiny.rlim_cur = 16;
+  ::setrlimit(RLIMIT_FSIZE, &tiny);
+  writeRecord(second, other.outcomeRecord);
+  ::setrlimit(RLIMIT_FSIZE, &saved);
+  ::signal(SIGXFSZ, SIG_DFL);
+  EXPECT_EQ(std::distance(fs::directory_iterator(other.workFolder), fs::directory_iterator()), 1);
   EXPECT_EQ(readRecord<StowOutcome>(other.outcomeRecord)->message, "first");
 }
 
