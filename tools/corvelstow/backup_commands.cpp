@@ -8,17 +8,16 @@
 #include "backup/inspection.h"
 #include "backup/usage.h"
 #include "base/file_error.h"
+#include "base/files.h"
+#include "platform/platform.h"
 #include "command_context.h"
 #include "model_session.h"
+#include "panel_output.h"
 #include "progress_printer.h"
 #include "store/host_app.h"
 
 namespace corvelstow::cli {
 namespace {
-
-std::string plural(std::int64_t n, const char* one, const char* many) {
-  return std::to_string(n) + " " + (n == 1 ? one : many);
-}
 
 // Through the panel model, as "Back Up Now" does: its progress is the model's.
 void backup(const CommandContext& context, bool includeCachesFlag) {
@@ -40,25 +39,29 @@ void backup(const CommandContext& context, bool includeCachesFlag) {
   }
 }
 
+// The preview the panel shows once a backup is chosen, drawn from the same panel content.
 void inspect(const CommandContext& context, const fs::path& archive) {
-  StowManifest manifest = readManifest(archive);
   if (context.json) {
-    context.printJson(toJson(manifest));
+    context.printJson(toJson(readManifest(archive)));
     return;
   }
-  std::ostream& out = context.out;
-  out << "From: " << manifest.appName << '\n'
-      << "Bundle ID: " << manifest.bundleIdentifier << '\n'
-      << "App version: " << manifest.appVersion.value_or("") << '\n'
-      << "Taken: " << formatInternetDate(manifest.createdAt) << '\n'
-      << "Device: " << manifest.deviceName.value_or("") << '\n'
-      << "Holds: " << plural(manifest.fileCount, "file", "files") << ", "
-      << plural(manifest.totalBytes, "byte", "bytes") << '\n';
-  const StowHostApp& app = StowHostApp::shared();
-  if (manifest.bundleIdentifier != app.bundleID) {
-    out << "This backup is from " << manifest.appName
-        << ". Its settings will be renamed to this app's id.\n";
-  }
+  // A backup can be looked at without a container: the model then reads an empty one, which
+  // it never writes to.
+  auto home = platform::containerFolder();
+  StowLayout layout = home && files::isFolder(*home)
+                          ? context.container()
+                          : StowLayout::forRoots(platform::temporaryFolder() / "no container",
+                                                 platform::temporaryFolder());
+  ModelSession session(layout);
+  StowModel& model = session.model();
+  model.chooseBackup(archive);
+  session.runUntil([&] { return model.preview() || model.errorText(); });
+  if (model.errorText()) throw std::runtime_error(*model.errorText());
+  StowPanelContent panel = panelContent(model, session.formatters(), currentDate());
+  std::erase_if(panel.sections, [](const StowPanelContent::Section& section) {
+    return section.kind != StowPanelContent::Section::Kind::preview;
+  });
+  printPanel(context.out, panel, std::nullopt);
 }
 
 // Through the panel model, as choosing a backup and "Prepare Restore" do.
@@ -87,15 +90,13 @@ void restore(const CommandContext& context, const fs::path& archive, StowRestore
 void usage(const CommandContext& context) {
   StowUsage usage = surveyUsage(context.container());
   if (context.json) {
-    context.printJson({{"documentsBytes", usage.documentsBytes},
-                       {"libraryBytes", usage.libraryBytes},
-                       {"cachesBytes", usage.cachesBytes},
-                       {"files", usage.files}});
+    context.printJson(usageJson(usage));
     return;
   }
-  context.out << "Documents: " << plural(usage.documentsBytes, "byte", "bytes") << '\n'
-              << "Library: " << plural(usage.libraryBytes, "byte", "bytes") << '\n'
-              << "Caches: " << plural(usage.cachesBytes, "byte", "bytes") << '\n'
+  platform::IcuFormatters formatters;
+  context.out << "Documents: " << formatters.byteCount(usage.documentsBytes) << '\n'
+              << "Library: " << formatters.byteCount(usage.libraryBytes) << '\n'
+              << "Caches: " << formatters.byteCount(usage.cachesBytes) << '\n'
               << "Files: " << usage.files << '\n';
 }
 
