@@ -120,7 +120,7 @@ std::string exportFileName(std::string_view appName, StowDate createdAt) {
   char stamp[32];
   std::snprintf(stamp, sizeof stamp, " %04d-%02d-%02d %02d%02d", t.year, t.month, t.day, t.hour,
                 t.minute);
-  return name + stamp + ".corvelappdata";
+  return name + stamp + "." + std::string(kBackupExtension);
 }
 
 fs::path backUp(const StowLayout& layout, const StowHostApp& app, bool includeCaches,

@@ -11,6 +11,9 @@
 
 namespace corvelstow {
 
+/// The file name extension of a backup, without its dot.
+inline constexpr std::string_view kBackupExtension = "corvelappdata";
+
 /// Writes the container's Documents and Library (Library/Caches only with `includeCaches`)
 /// into a new ".corvelappdata" archive in the exports folder, which is emptied first, and
 /// stamps lastBackupAt in the settings once the archive is finished. Returns the archive.
