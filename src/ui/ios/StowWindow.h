@@ -1,0 +1,23 @@
+#pragma once
+
+#import <UIKit/UIKit.h>
+
+#include <memory>
+
+namespace corvelstow {
+class StowModel;
+}
+
+NS_ASSUME_NONNULL_BEGIN
+
+/// The overlay window: transparent, above the app's alerts, and in the way of touches only
+/// where the engine's hit test (overlayTakesPoint) puts the overlay: around the pill, or
+/// everywhere while the panel is presented. It holds no policy of its own.
+@interface StowWindow : UIWindow
+
+/// The panel model, held weakly: the presenter owns it.
+@property(nonatomic) std::weak_ptr<corvelstow::StowModel> model;
+
+@end
+
+NS_ASSUME_NONNULL_END
