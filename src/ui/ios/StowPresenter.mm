@@ -109,10 +109,12 @@ StowAttachments::Identity identity(id _Nullable object) { return (__bridge const
   }
   for (std::size_t position : _attachments.instrument(listed)) {
     UIWindow* window = windows[position];
-    [window addGestureRecognizer:[self recognizerFor:corvelstow::kThreeFingerHold]];
-    UILongPressGestureRecognizer* strip = [self recognizerFor:corvelstow::kOneFingerHold];
-    [window addGestureRecognizer:strip];
-    _attachments.addStripRecognizer(identity(strip));
+    for (const corvelstow::StowHold& hold :
+         {corvelstow::kThreeFingerHold, corvelstow::kOneFingerHold}) {
+      UILongPressGestureRecognizer* recognizer = [self recognizerFor:hold];
+      [window addGestureRecognizer:recognizer];
+      if (hold.stripOnly) _attachments.addStripRecognizer(identity(recognizer));
+    }
   }
 }
 
