@@ -78,7 +78,7 @@ class ScopedFileAccess {
   ScopedFileAccess& operator=(const ScopedFileAccess&) = delete;
 
  private:
-  void* grant_ = nullptr;  ///< Apple: the location whose access began, retained; else null
+  [[maybe_unused]] void* grant_ = nullptr;  ///< Apple: the location whose access began, retained
 };
 
 /// What the platform does once the launch-time file work is done. Apple: watch for window
