@@ -83,6 +83,40 @@ INSTANTIATE_TEST_SUITE_P(Scopes, CycleTest,
 
 class BackupCommandTest : public testing::ContainerFixture {};
 
+// The format is shared with another app: a backup written by other code restores here, its
+// settings renamed to this app's identifier.
+TEST_F(BackupCommandTest, ABackupWrittenElsewhereRestoresAcrossARelaunch) {
+  const fs::path archive = folder / "elsewhere.corvelappdata";
+  const std::string settings = *platform::encodeBinaryPropertyList(PlistValue{domain("theme", "theirs")});
+  const std::string script = R"(
+import json, sys, zipfile
+manifest = {"schemaVersion": 1, "bundleIdentifier": "com.other.notes", "appName": "Other Notes",
+            "createdAt": "2024-05-01T09:30:00+02:00", "includedPaths": ["Documents", "Library"],
+            "fileCount": 2, "totalBytes": 21, "signerIdentity": "kept as it is"}
+with zipfile.ZipFile(sys.argv[1], "w", zipfile.ZIP_DEFLATED) as z:
+    z.writestr("manifest.json", json.dumps(manifest))
+    z.writestr("container/Documents/Notes/from elsewhere.txt", "written by other code")
+    z.writestr("container/Library/Preferences/com.other.notes.plist", open(sys.argv[2], "rb").read())
+)";
+  writeFile(folder / "settings.plist", settings);
+  auto python = testing::runProcess({"python3", "-c", script, archive.string(),
+                                     (folder / "settings.plist").string()});
+  ASSERT_EQ(python.exitCode, 0) << python.err;
+
+  auto restore = runCommand({"--home", layout.home.string(), "--bundle", bundle.string(),
+                             "restore", archive.string()});
+  ASSERT_EQ(restore.exitCode, 0) << restore.err;
+  ASSERT_EQ(launch().exitCode, 0);
+  EXPECT_EQ(readTree(layout.documents),
+            (Tree{{"Notes", "/"}, {"Notes/from elsewhere.txt", "written by other code"}}));
+  EXPECT_EQ(domainIn(layout.preferences / "com.example.notes.plist"), domain("theme", "theirs"));
+  EXPECT_FALSE(fs::exists(layout.preferences / "com.other.notes.plist"));
+  auto outcome = readRecord<StowOutcome>(layout.outcomeRecord);
+  EXPECT_EQ(outcome->message, "Restored everything from Other Notes.");
+  EXPECT_EQ(readRecord<StowStagedRestore>(layout.previousRecord)->manifest.signerIdentity,
+            "kept as it is");
+}
+
 TEST_F(BackupCommandTest, AFullDiskLeavesNoArchiveAndNoStamp) {
   std::string noise;
   for (int i = 0; noise.size() < (256 << 10); ++i) noise += std::to_string(i * 2654435761u);

@@ -5,7 +5,6 @@
 #include "archive/zip_error.h"
 #include "archive/zip_writer.h"
 #include "backup/inspection.h"
-#include "support/process.h"
 #include "support/temp_folder.h"
 
 namespace corvelstow {
@@ -175,23 +174,6 @@ TEST_F(StagingTest, AManifestTooLargeToBeOneCountsAsNone) {
   } catch (const StowRestoreError& error) {
     EXPECT_EQ(error.kind(), StowRestoreError::Kind::noManifest);
   }
-}
-
-TEST_F(StagingTest, RestoresABackupWrittenByPython) {
-  std::string script = R"(
-import sys, zipfile
-with zipfile.ZipFile(sys.argv[1], "w", zipfile.ZIP_DEFLATED) as z:
-    z.writestr("manifest.json", sys.argv[2])
-    z.writestr("container/", "")
-    z.writestr("container/Documents/", "")
-    z.writestr("container/Documents/Résumé.txt", "written elsewhere " * 100)
-    z.writestr(zipfile.ZipInfo("container/Library/Preferences/com.other.app.plist"), b"bplist00")
-)";
-  auto python = testing::runProcess({"python3", "-c", script, archive.string(), manifestJson(2)});
-  ASSERT_EQ(python.exitCode, 0) << python.err;
-  stage(StowRestoreScope::everything);
-  EXPECT_EQ(testing::readFile(layout.staged / "Documents/Résumé.txt").size(), 1800u);
-  EXPECT_EQ(testing::readFile(layout.staged / "Library/Preferences/com.other.app.plist"), "bplist00");
 }
 
 }  // namespace
