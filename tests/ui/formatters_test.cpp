@@ -19,22 +19,15 @@ TEST(IcuFormattersTest, ByteCountsInTheFileStyle) {
   const std::vector<std::pair<std::int64_t, std::string>> cases{
       {0, "Zero KB"},
       {1, "1 byte"},
-      {2, "2 bytes"},
       {999, "999 bytes"},
       {1000, "1 KB"},
-      {1023, "1 KB"},
       {11999, "12 KB"},
-      {900000, "900 KB"},
       {12345678, "12.3 MB"},
-      {123456789, "123.5 MB"},
-      {999900000, "999.9 MB"},
       {1234567898, "1.23 GB"},
-      {12345678987, "12.35 GB"},
       {5500000000000, "5.5 TB"},
       {std::numeric_limits<std::int64_t>::max(), "9.22 EB"},
       {-1, "-1 byte"},
       {-2, "-2 bytes"},
-      {-1023, "-1 KB"},
       {-12345678987, "-12.35 GB"},
   };
   for (const auto& [bytes, expected] : cases) {
@@ -42,13 +35,7 @@ TEST(IcuFormattersTest, ByteCountsInTheFileStyle) {
   }
 }
 
-TEST(IcuFormattersTest, ByteCountsUseTheLocalesNumbers) {
-  IcuFormatters german("de_DE", "UTC");
-  EXPECT_EQ(german.byteCount(12345678), "12,3 MB");
-  EXPECT_EQ(german.byteCount(999), "999 bytes");
-}
-
-TEST(IcuFormattersTest, RelativeDatesNameTheLargestWholeCalendarUnit) {
+TEST(IcuFormattersTest, RelativeDatesNameTheLargestWholeCalendarUnitInTheTimeZone) {
   IcuFormatters format("en_US", "UTC");
   const StowDate now = at("2024-05-15T12:00:00Z");
   const std::vector<std::pair<const char*, std::string>> cases{
@@ -62,40 +49,30 @@ TEST(IcuFormattersTest, RelativeDatesNameTheLargestWholeCalendarUnit) {
       {"2024-05-01T12:00:00Z", "2 weeks ago"},
       {"2024-04-15T12:00:00Z", "1 month ago"},
       {"2022-11-15T12:00:00Z", "1 year ago"},
-      {"2026-05-15T12:00:00Z", "in 2 years"},
   };
   for (const auto& [date, expected] : cases) {
     EXPECT_EQ(format.relativeDate(at(date), now), expected) << date;
   }
-}
-
-TEST(IcuFormattersTest, RelativeDaysAreCalendarDaysInTheTimeZone) {
   // The clocks went forward in Berlin on 31 March 2024: one calendar day there lasted 23 hours.
-  IcuFormatters berlin("en_US", "Europe/Berlin");
   StowDate before = at("2024-03-30T12:00:00+01:00");
   StowDate after = at("2024-03-31T12:00:00+02:00");
-  EXPECT_EQ(after - before, std::chrono::hours(23));
-  EXPECT_EQ(berlin.relativeDate(after, before), "in 1 day");
-  IcuFormatters utc("en_US", "UTC");
-  EXPECT_EQ(utc.relativeDate(after, before), "in 23 hours");
+  EXPECT_EQ(IcuFormatters("en_US", "Europe/Berlin").relativeDate(after, before), "in 1 day");
+  EXPECT_EQ(format.relativeDate(after, before), "in 23 hours");
 }
 
-TEST(IcuFormattersTest, DatesWithAMediumDateAndAShortTimeInTheTimeZone) {
+TEST(IcuFormattersTest, DatesAndNumbersFollowTheLocaleAndTimeZoneAndPosixAndRootAreEnglish) {
   StowDate date = at("2024-05-01T09:30:00Z");
   // ICU's English data puts a narrow no-break space before the day period.
-  EXPECT_EQ(IcuFormatters("en_US", "UTC").dateAndTime(date), "May 1, 2024, 9:30\u202fAM");
   EXPECT_EQ(IcuFormatters("en_US", "America/New_York").dateAndTime(date),
             "May 1, 2024, 5:30\u202fAM");
-  EXPECT_EQ(IcuFormatters("de_DE", "Europe/Berlin").dateAndTime(date), "01.05.2024, 11:30");
-}
-
-TEST(IcuFormattersTest, ThePosixAndRootLocalesFormatAsEnglish) {
-  StowDate now = at("2024-05-15T12:00:00Z");
+  IcuFormatters german("de_DE", "Europe/Berlin");
+  EXPECT_EQ(german.dateAndTime(date), "01.05.2024, 11:30");
+  EXPECT_EQ(german.byteCount(12345678), "12,3 MB");
   for (const char* locale : {"en_US_POSIX", "root"}) {
     IcuFormatters format(locale, "UTC");
-    EXPECT_EQ(format.relativeDate(at("2022-05-15T12:00:00Z"), now), "2 years ago") << locale;
+    EXPECT_EQ(format.relativeDate(at("0524-03-01T09:30:00Z"), date), "1,500 years ago") << locale;
     EXPECT_EQ(format.byteCount(5500000), "5.5 MB") << locale;
-    EXPECT_EQ(format.dateAndTime(now), "May 15, 2024, 12:00\u202fPM") << locale;
+    EXPECT_EQ(format.dateAndTime(date), "May 1, 2024, 9:30\u202fAM") << locale;
   }
 }
 

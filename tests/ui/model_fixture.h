@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "backup/backup.h"
 #include "manual_dispatcher.h"
 #include "store/host_app.h"
 #include "store/layout.h"
@@ -17,7 +18,10 @@
 
 namespace corvelstow::testing {
 
-/// Stands in for UIKit: records what the model asked of the app, and when on the manual clock.
+/// What the model asked of the app, with the manual clock's time of each call.
+using Calls = std::vector<std::pair<std::string, double>>;
+
+/// Stands in for UIKit: records what the model asked of the app.
 class RecordingAppControl final : public platform::AppControl {
  public:
   explicit RecordingAppControl(const ManualDispatcher& clock) : clock_(clock) {}
@@ -26,50 +30,76 @@ class RecordingAppControl final : public platform::AppControl {
   void suspend() override { calls.emplace_back("suspend", clock_.now()); }
   void terminate() override { calls.emplace_back("terminate", clock_.now()); }
 
-  std::vector<std::pair<std::string, double>> calls;
+  Calls calls;
 
  private:
   const ManualDispatcher& clock_;
 };
 
+/// A restore outcome as the launch-time swap writes it.
+inline StowOutcome outcome(bool succeeded, bool announced) {
+  return {succeeded,
+          succeeded ? "Restored everything from Notes." : "Could not move aside Documents",
+          "Notes",
+          *parseInternetDate("2024-05-01T09:30:00Z"),
+          *parseInternetDate("2024-05-02T10:00:00Z"),
+          succeeded,
+          announced};
+}
+
+/// A restore record (staged.json, previous.json) of a backup made by `appName`.
+inline StowStagedRestore stagedRestore(const std::string& appName, StowRestoreScope scope) {
+  StowManifest manifest;
+  manifest.bundleIdentifier = "com.example.notes";
+  manifest.appName = appName;
+  manifest.createdAt = *parseInternetDate("2024-05-01T09:30:00Z");
+  manifest.includedPaths = {"Documents", "Library"};
+  return {manifest, scope, *parseInternetDate("2024-05-02T08:00:00Z")};
+}
+
 /// A model over a temporary container, driven by the manual clock, with every published change
 /// recorded.
 class ModelFixture : public ::testing::Test {
  protected:
-  struct Change {
-    StowModel::Field field;
-    StowAnimation animation;
-  };
-
-  static constexpr const char* kHostID = "com.example.notes";
-
   TempFolder folder;
   StowLayout layout = StowLayout::forRoots(folder / "home", folder / "tmp");
-  StowHostApp app{kHostID, "Notes", "1.2", std::nullopt};
+  StowHostApp app{"com.example.notes", "Notes", "1.2", std::nullopt};
   ManualDispatcher dispatcher;
   RecordingAppControl control{dispatcher};
   std::shared_ptr<StowModel> model;
-  std::vector<Change> changes;
-  std::vector<StowModel::Work> workSeen;  // every value work took, in order
+  std::size_t changes = 0;                    // every published change
+  std::vector<StowAnimation> pillAnimations;  // the pill's changes, in order
+  std::vector<StowModel::Work> workSeen;      // every value work took, in order
 
-  void SetUp() override;
+  void SetUp() override {
+    fs::create_directories(layout.documents);
+    fs::create_directories(layout.library);
+    launch();
+  }
 
   /// A fresh model on the same container, as at the next launch.
-  void launch();
+  void launch() {
+    changes = 0;
+    pillAnimations.clear();
+    workSeen.clear();
+    model = StowModel::create({layout, app, dispatcher, control});
+    model->observe([this](StowModel::Field field, const StowAnimation& animation) {
+      ++changes;
+      if (field == StowModel::Field::pill) pillAnimations.push_back(animation);
+      if (field == StowModel::Field::work) workSeen.push_back(model->work());
+    });
+  }
 
-  /// The pill changes recorded so far, with their animations.
-  std::vector<StowAnimation> pillAnimations() const;
-
-  /// A real backup of a container holding `files` (path → contents) made by `maker`, copied to
-  /// `name` in the test folder.
-  fs::path makeBackup(const StowHostApp& maker, const std::map<std::string, std::string>& files,
-                      const std::string& name = "backup.corvelappdata");
-
-  /// A restore outcome as the launch-time swap writes it.
-  static StowOutcome outcome(bool succeeded, bool announced);
-
-  /// A restore record (staged.json, previous.json) of a backup made by `appName`.
-  static StowStagedRestore stagedRestore(const std::string& appName, StowRestoreScope scope);
+  /// A real backup made by `maker` of a container holding `files` (path → contents).
+  fs::path makeBackup(const StowHostApp& maker, const std::map<std::string, std::string>& files) {
+    static int made = 0;
+    std::string name = "source" + std::to_string(++made);
+    StowLayout source = StowLayout::forRoots(folder / name, folder / (name + "-tmp"));
+    fs::create_directories(source.documents);
+    fs::create_directories(source.library);
+    for (const auto& [path, contents] : files) writeFile(source.home / path, contents);
+    return backUp(source, maker, false, [](double, const std::string&) {});
+  }
 };
 
 }  // namespace corvelstow::testing
