@@ -1,7 +1,7 @@
 #pragma once
 
-// Small helpers shared by the archive tests: reading and patching little-endian fields of an
-// archive's bytes, dates in local time, and test data.
+// Small helpers shared by the archive tests: little-endian fields of an archive's bytes, bytes
+// written as hexadecimal, dates in local time, test data and the sentence of a failure.
 
 #include <zlib.h>
 
@@ -11,20 +11,17 @@
 #include <string>
 #include <string_view>
 
+#include "archive/zip_error.h"
 #include "base/dates.h"
+#include "base/file_error.h"
 
 namespace corvelstow::testing {
 
-inline std::uint32_t le(std::string_view bytes, std::size_t at, int width) {
+inline std::uint32_t le32(std::string_view bytes, std::size_t at) {
   std::uint32_t value = 0;
-  for (int i = width - 1; i >= 0; --i)
-    value = value << 8 | static_cast<unsigned char>(bytes.at(at + i));
+  for (int i = 3; i >= 0; --i) value = value << 8 | static_cast<unsigned char>(bytes.at(at + i));
   return value;
 }
-inline std::uint16_t le16(std::string_view bytes, std::size_t at) {
-  return static_cast<std::uint16_t>(le(bytes, at, 2));
-}
-inline std::uint32_t le32(std::string_view bytes, std::size_t at) { return le(bytes, at, 4); }
 
 inline void setLe(std::string& bytes, std::size_t at, std::uint64_t value, int width) {
   for (int i = 0; i < width; ++i) bytes.at(at + i) = static_cast<char>(value >> (8 * i) & 0xFF);
@@ -37,21 +34,26 @@ inline std::string leBytes(std::uint64_t value, int width) {
   return bytes;
 }
 
+/// The bytes that pairs of hexadecimal digits spell; spaces between them are ignored.
+inline std::string hexBytes(std::string_view digits) {
+  std::string bytes;
+  for (std::size_t i = 0; i < digits.size(); ++i) {
+    if (digits[i] == ' ') continue;
+    bytes += static_cast<char>(std::stoi(std::string(digits.substr(i++, 2)), nullptr, 16));
+  }
+  return bytes;
+}
+
 /// Where the central directory of an archive without a comment starts.
 inline std::size_t centralOffset(std::string_view archive) {
   return le32(archive, archive.size() - 22 + 16);
 }
 
-/// The moment with these fields in the process's local time zone.
-inline StowDate localDate(int year, int month, int day, int hour, int minute, int second) {
+/// 2024-05-01 09:30:10 in the process's local time zone: DOS time 0x4BC5 and date 0x58A1 in any.
+inline StowDate sampleDate() {
   std::tm fields{};
-  fields.tm_year = year - 1900;
-  fields.tm_mon = month - 1;
-  fields.tm_mday = day;
-  fields.tm_hour = hour;
-  fields.tm_min = minute;
-  fields.tm_sec = second;
-  fields.tm_isdst = -1;
+  ::strptime("2024-05-01 09:30:10", "%Y-%m-%d %H:%M:%S", &fields);
+  fields.tm_isdst = -1;  // mktime finds out whether summer time applies
   return StowDate(std::chrono::seconds(std::mktime(&fields)));
 }
 
@@ -91,6 +93,20 @@ inline std::string zlibInflateRaw(std::string_view compressed) {
   } while (status == Z_OK);
   inflateEnd(&stream);
   return status == Z_STREAM_END ? result : std::string();
+}
+
+/// The sentence of the archive or file error that `operation` throws, a file error marked as
+/// such, or "(no error)".
+template <typename Operation>
+std::string failure(Operation operation) {
+  try {
+    operation();
+  } catch (const StowZipError& error) {
+    return error.what();
+  } catch (const StowFileError& error) {
+    return std::string("file error: ") + error.what();
+  }
+  return "(no error)";
 }
 
 }  // namespace corvelstow::testing
