@@ -6,7 +6,6 @@
 #include <iostream>
 #include <set>
 
-#include "base/files.h"
 #include "container_fixture.h"
 
 namespace corvelstow {
@@ -165,32 +164,6 @@ TEST_F(LaunchTest, UndoRunsBeforeANewlyStagedRestore) {
   auto result = outcome();
   EXPECT_EQ(result->message, "Restored documents from Notes.");
   EXPECT_TRUE(result->canUndo);
-  expectStagingCleared();
-}
-
-TEST_F(LaunchTest, FailedMovesReachTheOutcome) {
-  stage(StowRestoreScope::everything);
-  const std::set<std::string> failing{"old.txt", "a.txt", "Folder", ".hidden"};
-  // The swap moves entries in the order the directory lists them.
-  std::vector<std::string> expected;
-  for (const auto& name : files::listNames(layout.documents)) {
-    if (failing.count(name)) expected.push_back("Could not move aside " + name);
-  }
-  auto run = launch({{"LD_PRELOAD", CORVELSTOW_RENAME_FAULT},
-                     {"CORVELSTOW_FAIL_RENAMES", "old.txt,a.txt,Folder,.hidden"}});
-  ASSERT_EQ(run.exitCode, 0) << run.err;
-
-  auto result = outcome();
-  ASSERT_TRUE(result);
-  EXPECT_FALSE(result->succeeded);
-  EXPECT_TRUE(result->canUndo);
-  // Five failures: the first three, joined, with no full stop added after the last.
-  EXPECT_EQ(result->message, expected[0] + ". " + expected[1] + ". " + expected[2]);
-  for (const char* name : {"old.txt", "Folder/x.txt", ".hidden"}) {
-    EXPECT_TRUE(fs::exists(layout.documents / name)) << name;
-  }
-  EXPECT_EQ(readFile(layout.documents / "a.txt"), "live a");
-  EXPECT_EQ(readFile(layout.documents / "new.txt"), "backup new");
   expectStagingCleared();
 }
 
