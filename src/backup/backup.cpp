@@ -82,7 +82,7 @@ std::int64_t sizeOf(const fs::path& file) {
 }
 
 void writeArchive(StowZipWriter& writer, const fs::path& home, const StowManifest& manifest,
-                  const BackupPlan& plan, const StowProgress& progress) {
+                  BackupPlan plan, const StowProgress& progress) {
   writer.add(encodeRecord(manifest), "manifest.json", currentDate());
   writer.addDirectory("container", currentDate());
   for (const auto& folder : plan.folders) {
@@ -102,6 +102,8 @@ void writeArchive(StowZipWriter& writer, const fs::path& home, const StowManifes
       progress(fraction, std::to_string(i + 1) + " of " + std::to_string(n) + " files");
     }
   }
+  // The central directory is built in memory next: give back the file list first.
+  plan = BackupPlan();
   writer.finish();
 }
 
@@ -144,7 +146,7 @@ fs::path backUp(const StowLayout& layout, const StowHostApp& app, bool includeCa
   {
     StowZipWriter writer(archive);
     ScopeGuard removePartial([&] { ::unlink(archive.c_str()); });
-    writeArchive(writer, layout.home, manifest, plan, progress);
+    writeArchive(writer, layout.home, manifest, std::move(plan), progress);
     removePartial.cancel();
   }
 
