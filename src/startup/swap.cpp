@@ -2,12 +2,17 @@
 
 #include <cctype>
 #include <cstdio>
+#include <set>
+#include <string>
+#include <vector>
 
 #include "base/files.h"
 #include "platform/platform.h"
 
 namespace corvelstow {
 namespace {
+
+using SwapFailures = std::vector<std::string>;
 
 constexpr std::string_view kPlistExtension = ".plist";
 
@@ -78,8 +83,8 @@ void retain(const StowLayout& layout, const std::string& hostBundleID, StowStage
   writeRecord(record, layout.previousRecord);
 }
 
-}  // namespace
-
+// Moves every entry of `live` not named in `excluded` into `aside`, then every entry of
+// `source` not named in `excluded` into `live`. Returns how many entries were put back.
 int swapFolder(const fs::path& live, const fs::path& source, const fs::path& aside,
                const std::set<std::string>& excluded, SwapFailures& failures) {
   files::createFolders(live);
@@ -102,6 +107,7 @@ int swapFolder(const fs::path& live, const fs::path& source, const fs::path& asi
   return putBack;
 }
 
+// "Restored {scope} from {app}." without failures, else the first three failure texts.
 std::string swapMessage(const StowStagedRestore& record, const SwapFailures& failures) {
   if (failures.empty()) {
     std::string scope(title(record.scope));
@@ -115,6 +121,8 @@ std::string swapMessage(const StowStagedRestore& record, const SwapFailures& fai
   }
   return message;
 }
+
+}  // namespace
 
 StowOutcome performSwap(const StowLayout& layout, const std::string& hostBundleID,
                         const StowStagedRestore& record, const fs::path& source, bool retainOld) {

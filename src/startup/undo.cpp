@@ -8,8 +8,7 @@
 namespace corvelstow {
 
 bool requestUndo(const StowLayout& layout) {
-  files::createFolders(layout.workFolder);
-  return files::writeAtomically(layout.undoRequest, "");
+  return files::writeAtomically(layout.undoRequest, "");  // creates the work folder first
 }
 
 void performPendingUndo(const StowLayout& layout, const std::string& hostBundleID) {

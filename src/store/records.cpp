@@ -217,8 +217,7 @@ StowSettings loadSettings(const StowLayout& layout) {
 }
 
 void saveSettings(const StowLayout& layout, const StowSettings& settings) {
-  files::createFolders(layout.workFolder);
-  writeRecord(settings, layout.settingsRecord);
+  writeRecord(settings, layout.settingsRecord);  // the writer creates the work folder
 }
 
 }  // namespace corvelstow
