@@ -22,6 +22,7 @@ StowLayout StowLayout::forRoots(const fs::path& home, const fs::path& temporary)
   layout.settingsRecord = layout.workFolder / "settings.json";
   layout.outcomeRecord = layout.workFolder / "outcome.json";
   layout.undoRequest = layout.workFolder / "undo.request";
+  layout.lockFile = layout.workFolder / "operation.lock";
   layout.exports = temporary / "CorvelStow Exports";
   return layout;
 }

@@ -24,6 +24,7 @@ struct StowLayout {
   fs::path settingsRecord;  ///< work folder/settings.json
   fs::path outcomeRecord;   ///< work folder/outcome.json
   fs::path undoRequest;     ///< work folder/undo.request
+  fs::path lockFile;        ///< work folder/operation.lock, see StowContainerLock
   fs::path exports;         ///< temporary folder/CorvelStow Exports
 
   /// The layout of the container `home` with the temporary folder `temporary`.
