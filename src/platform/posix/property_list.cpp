@@ -1,5 +1,6 @@
 #include <plist/plist.h>
 
+#include <cstring>
 #include <limits>
 #include <memory>
 
@@ -12,6 +13,58 @@ struct PlistFree {
   void operator()(plist_t node) const { plist_free(node); }
 };
 using PlistNode = std::unique_ptr<void, PlistFree>;
+
+// Dates. libplist keeps a date as the double that the binary format stores, but its accessors
+// pass it through 32-bit whole seconds, which holds only 1933 to 2069 and breaks fractions
+// before 2001. So a date goes in and out as that double, through the smallest binary property
+// list that holds one: an array whose one element is the date.
+//   "bplist00", A1 01 (array, 1 element: object 1), 33 + 8 bytes (the date, big-endian),
+//   offset table 08 0A, then the trailer: offset and reference sizes 1, 2 objects, top object 0,
+//   offset table at 19.
+constexpr size_t kDateListSize = 53;
+constexpr size_t kDateOffset = 11;  // the date's eight bytes
+constexpr uint8_t kDateMarker = 0x33;
+
+std::string dateList(double sinceReferenceDate) {
+  std::string bytes("bplist00\xA1\x01\x33", 11);
+  uint64_t bits = 0;
+  std::memcpy(&bits, &sinceReferenceDate, sizeof bits);
+  for (int shift = 56; shift >= 0; shift -= 8) bytes += static_cast<char>(bits >> shift);
+  bytes += "\x08\x0A";
+  std::string trailer(32, '\0');
+  trailer[6] = 1;    // offset size
+  trailer[7] = 1;    // object reference size
+  trailer[15] = 2;   // objects
+  trailer[31] = 19;  // where the offset table begins
+  return bytes + trailer;
+}
+
+plist_t dateNode(double sinceReferenceDate) {
+  std::string bytes = dateList(sinceReferenceDate);
+  plist_t list = nullptr;
+  plist_from_bin(bytes.data(), static_cast<uint32_t>(bytes.size()), &list);
+  PlistNode owned(list);
+  plist_t date = list ? plist_array_get_item(list, 0) : nullptr;
+  return date ? plist_copy(date) : plist_new_date(0, 0);
+}
+
+double dateValue(plist_t date) {
+  PlistNode list(plist_new_array());
+  plist_array_append_item(list.get(), plist_copy(date));
+  char* bytes = nullptr;
+  uint32_t length = 0;
+  plist_to_bin(list.get(), &bytes, &length);
+  std::unique_ptr<char, decltype(&plist_to_bin_free)> owned(bytes, &plist_to_bin_free);
+  if (bytes == nullptr || length != kDateListSize ||
+      static_cast<uint8_t>(bytes[kDateOffset - 1]) != kDateMarker) {
+    return 0;
+  }
+  uint64_t bits = 0;
+  for (size_t i = 0; i < 8; ++i) bits = bits << 8 | static_cast<uint8_t>(bytes[kDateOffset + i]);
+  double value = 0;
+  std::memcpy(&value, &bits, sizeof value);
+  return value;
+}
 
 std::optional<PlistValue> fromNode(plist_t node, int depth);
 
@@ -71,11 +124,8 @@ std::optional<PlistValue> fromNode(plist_t node, int depth) {
       const char* bytes = plist_get_data_ptr(node, &length);
       return PlistValue{PlistData{std::string(bytes ? bytes : "", bytes ? length : 0)}};
     }
-    case PLIST_DATE: {
-      int32_t seconds = 0, microseconds = 0;
-      plist_get_date_val(node, &seconds, &microseconds);
-      return PlistValue{PlistDate{seconds + microseconds / 1e6}};
-    }
+    case PLIST_DATE:
+      return PlistValue{PlistDate{dateValue(node)}};
     case PLIST_ARRAY:
       return fromArray(node, depth);
     case PLIST_DICT:
@@ -94,11 +144,7 @@ plist_t toNode(const PlistValue& value) {
     plist_t operator()(const PlistData& v) const {
       return plist_new_data(v.bytes.data(), v.bytes.size());
     }
-    plist_t operator()(const PlistDate& v) const {
-      double whole = static_cast<double>(static_cast<int64_t>(v.sinceReferenceDate));
-      return plist_new_date(static_cast<int32_t>(whole),
-                            static_cast<int32_t>((v.sinceReferenceDate - whole) * 1e6));
-    }
+    plist_t operator()(const PlistDate& v) const { return dateNode(v.sinceReferenceDate); }
     plist_t operator()(const PlistArray& items) const {
       plist_t array = plist_new_array();
       for (const auto& item : items) plist_array_append_item(array, toNode(item));
