@@ -16,11 +16,14 @@
 #include "base/unique_fd.h"
 #include "platform/platform.h"
 #include "startup/startup.h"
+#include "store/container_lock.h"
 
 namespace corvelstow {
 namespace {
 
 constexpr std::string_view kPrefix = "container/";
+constexpr const char* kSwapUnfinishedText =
+    "The last restore or undo has not finished yet: it finishes the next time the app opens.";
 
 bool startsWith(std::string_view text, std::string_view prefix) {
   return text.substr(0, prefix.size()) == prefix;
@@ -112,6 +115,9 @@ void stageRestore(const StowLayout& layout, const fs::path& archive, StowRestore
                   const StowProgress& progress) {
   // Ends (when it began) whatever happens below, failures included.
   platform::ScopedFileAccess access(archive);
+  StowContainerLock lock = StowContainerLock::acquire(layout);
+  // A swap cut short still needs its Staged folder: the next launch finishes it first.
+  if (files::exists(layout.swapJournal)) throwFileError(EBUSY, kSwapUnfinishedText);
   clearStaging(layout);
   if (!files::createFolders(layout.staged)) throwFileError("create the folder", layout.staged);
   StowZipReader reader(archive);
@@ -137,7 +143,9 @@ void stageRestore(const StowLayout& layout, const fs::path& archive, StowRestore
       done < manifest.fileCount) {
     throw StowRestoreError::incomplete(manifest.fileCount, done);
   }
-  writeRecord(StowStagedRestore{manifest, scope, currentDate()}, layout.stagedRecord);
+  if (!writeRecord(StowStagedRestore{manifest, scope, currentDate()}, layout.stagedRecord)) {
+    throwFileError("write", layout.stagedRecord);
+  }
   clearOnFailure.cancel();
 }
 

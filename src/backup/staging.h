@@ -9,8 +9,10 @@
 namespace corvelstow {
 
 /// Unpacks the part of `archive` that `scope` selects into the Staged folder, checks it and
-/// writes staged.json, for the next launch to swap in. Throws StowRestoreError, StowZipError or
-/// StowFileError; after a failure in unpacking neither Staged nor staged.json is left.
+/// writes staged.json, for the next launch to swap in, holding the container lock throughout.
+/// Throws StowRestoreError, StowZipError or StowFileError (also when another operation holds
+/// the lock, or a swap cut short still needs Staged); after a failure in unpacking or in
+/// writing staged.json neither Staged nor staged.json is left.
 void stageRestore(const StowLayout& layout, const std::filesystem::path& archive,
                   StowRestoreScope scope, const StowProgress& progress);
 

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "base/unique_fd.h"
@@ -38,16 +39,52 @@ static bool writeAll(int fd, std::string_view bytes) {
   return true;
 }
 
+// An unfinished write is a hidden file beside its target: ".{name}.unfinished-" and six
+// characters that mkstemp chooses.
+constexpr std::string_view kUnfinishedMark = ".unfinished-";
+constexpr size_t kUnfinishedSuffix = 6;
+
 bool writeAtomically(const fs::path& path, std::string_view bytes) {
   createFolders(path.parent_path());
-  std::string temporary = path.string() + ".XXXXXX";
+  std::string temporary =
+      join(path.parent_path(), "." + path.filename().string() + std::string(kUnfinishedMark) + "XXXXXX");
   UniqueFd fd(::mkstemp(temporary.data()));
   if (!fd) return false;
   bool written = ::fchmod(fd.get(), 0644) == 0 && writeAll(fd.get(), bytes) &&
                  ::fsync(fd.get()) == 0 && fd.close();
   if (written && ::rename(temporary.c_str(), path.c_str()) == 0) return true;
+  int code = errno;
   ::unlink(temporary.c_str());
+  errno = code;
   return false;
+}
+
+static bool isUnfinishedWrite(std::string_view name) {
+  const size_t tail = kUnfinishedMark.size() + kUnfinishedSuffix;
+  return name.size() > tail + 1 && name.front() == '.' &&
+         name.substr(name.size() - tail, kUnfinishedMark.size()) == kUnfinishedMark;
+}
+
+void removeUnfinishedWrites(const fs::path& folder) {
+  for (const auto& name : listNames(folder)) {
+    if (isUnfinishedWrite(name)) ::unlink(join(folder, name).c_str());
+  }
+}
+
+bool moveNoReplace(const fs::path& from, const fs::path& to) {
+#ifdef __APPLE__
+  if (::renamex_np(from.c_str(), to.c_str(), RENAME_EXCL) == 0) return true;
+#else
+  if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
+#endif
+  if (errno != EINVAL && errno != ENOTSUP && errno != ENOSYS) return false;
+  // A file system without an exclusive rename: check, then rename. Callers hold the container
+  // lock, so nothing of ours appears in between.
+  if (files::exists(to)) {
+    errno = EEXIST;
+    return false;
+  }
+  return ::rename(from.c_str(), to.c_str()) == 0;
 }
 
 bool createFolders(const fs::path& path) {
@@ -68,6 +105,11 @@ void removeAll(const fs::path& path) {
 bool exists(const fs::path& path) {
   struct stat info {};
   return ::lstat(path.c_str(), &info) == 0;
+}
+
+bool isLink(const fs::path& path) {
+  struct stat info {};
+  return ::lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode);
 }
 
 bool isFolder(const fs::path& path) {

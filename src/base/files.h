@@ -15,8 +15,17 @@ namespace fs = std::filesystem;
 std::optional<std::string> readWhole(const fs::path& path);
 
 /// Writes `bytes` to a temporary file beside `path`, flushes it and renames it over `path`,
-/// creating the parent folder first. False when any step failed; an older file is left intact.
+/// creating the parent folder first. False, with errno set, when any step failed; an older file
+/// is left intact.
 bool writeAtomically(const fs::path& path, std::string_view bytes);
+
+/// Removes the temporary files that writeAtomically leaves in `folder` when its process is
+/// killed mid-write.
+void removeUnfinishedWrites(const fs::path& folder);
+
+/// Renames `from` to `to` unless something already stands at `to`: a move that never replaces.
+/// False, with errno set (EEXIST when `to` exists), when the move did not happen.
+bool moveNoReplace(const fs::path& from, const fs::path& to);
 
 /// Creates `path` and every missing parent with mode 0755; an existing folder is no failure.
 bool createFolders(const fs::path& path);
@@ -26,6 +35,9 @@ void removeAll(const fs::path& path);
 
 /// Whether anything (a file, folder or link) stands at `path`.
 bool exists(const fs::path& path);
+
+/// Whether `path` itself is a symbolic link.
+bool isLink(const fs::path& path);
 
 /// Whether `path` is a folder (following links).
 bool isFolder(const fs::path& path);

@@ -6,26 +6,46 @@
 #include "platform/platform.h"
 #include "startup/swap.h"
 #include "startup/undo.h"
+#include "store/container_lock.h"
 #include "store/host_app.h"
 
 namespace corvelstow {
 
+namespace {
+
+// How long a launch waits for another operation on the same data (a second launch, the
+// command) before it leaves its work to the next launch.
+constexpr auto kLaunchPatience = std::chrono::milliseconds(500);
+
+bool hasLaunchTimeWork(const StowLayout& layout) {
+  return files::exists(layout.swapJournal) || files::exists(layout.undoRequest) ||
+         files::exists(layout.stagedRecord);
+}
+
+}  // namespace
+
+// The record goes first: a staging cut short while it is cleared is then no staging at all,
+// never a record over half a folder.
 void clearStaging(const StowLayout& layout) {
-  files::removeAll(layout.staged);
   ::unlink(layout.stagedRecord.c_str());
+  files::removeAll(layout.staged);
 }
 
 void runLaunchTimeWork(const StowLayout& layout, const std::string& hostBundleID) {
-  // The undo comes first: with both pending, the older data is put back and the newly staged
-  // restore is then applied on top of it.
-  performPendingUndo(layout, hostBundleID);
+  // Nothing to do is the common case: three lookups, and no file is made.
+  if (!hasLaunchTimeWork(layout)) return;
+  auto lock = StowContainerLock::tryAcquire(layout, kLaunchPatience);
+  if (!lock) return;
+  files::removeUnfinishedWrites(layout.workFolder);  // records whose writer was killed
 
-  auto staged = readRecord<StowStagedRestore>(layout.stagedRecord);
-  if (!staged) return;
-  StowOutcome outcome = performSwap(layout, hostBundleID, *staged, layout.staged, true);
-  writeRecord(outcome, layout.outcomeRecord);
-  // Whatever the outcome, a restore is not retried at the next launch.
-  clearStaging(layout);
+  // A swap cut short is finished first: it began before anything else that is waiting.
+  if (files::exists(layout.swapJournal) && !resumeSwap(layout, hostBundleID)) return;
+  // The undo comes next: with both pending, the older data is put back and the newly staged
+  // restore is then applied on top of it.
+  if (!performPendingUndo(layout, hostBundleID)) return;
+  if (auto staged = readRecord<StowStagedRestore>(layout.stagedRecord)) {
+    performSwap(layout, hostBundleID, StowSwapKind::restore, *staged);
+  }
 }
 
 void corvelStowStart() {

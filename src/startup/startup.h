@@ -6,12 +6,14 @@
 
 namespace corvelstow {
 
-/// The launch-time file work, in order: a requested undo, then a staged restore (its outcome
-/// written to outcome.json and the staging cleared). Never throws. A staged.json that does not
-/// decode is left untouched, with its Staged folder, to be tried again at the next launch.
+/// The launch-time file work, in order: a swap that was cut short, a requested undo, then a
+/// staged restore (its outcome written to outcome.json and the staging cleared), all under the
+/// container lock; when another operation keeps the lock, the work waits for the next launch.
+/// Never throws. A staged.json that does not decode is left untouched, with its Staged folder,
+/// to be tried again at the next launch.
 void runLaunchTimeWork(const StowLayout& layout, const std::string& hostBundleID);
 
-/// Removes the Staged folder, then staged.json; failures are ignored.
+/// Removes staged.json, then the Staged folder; failures are ignored.
 void clearStaging(const StowLayout& layout);
 
 /// The start-up sequence: the launch-time work for this process's container, then the

@@ -2,29 +2,33 @@
 
 #include <unistd.h>
 
+#include "base/file_error.h"
 #include "base/files.h"
 #include "startup/swap.h"
+#include "store/container_lock.h"
 
 namespace corvelstow {
 
-bool requestUndo(const StowLayout& layout) {
-  return files::writeAtomically(layout.undoRequest, "");  // creates the work folder first
+// The request is made from the panel, on the main thread: it does not wait long.
+constexpr auto kRequestPatience = std::chrono::milliseconds(500);
+
+void requestUndo(const StowLayout& layout) {
+  StowContainerLock lock = StowContainerLock::acquire(layout, kRequestPatience);
+  if (!files::writeAtomically(layout.undoRequest, "")) {
+    throwFileError("create", layout.undoRequest);
+  }
 }
 
-void performPendingUndo(const StowLayout& layout, const std::string& hostBundleID) {
-  if (!files::exists(layout.undoRequest)) return;
-  // The marker goes first, so that an undo that fails is never retried.
-  ::unlink(layout.undoRequest.c_str());
+bool performPendingUndo(const StowLayout& layout, const std::string& hostBundleID) {
+  if (!files::exists(layout.undoRequest)) return true;
   auto record = readRecord<StowStagedRestore>(layout.previousRecord);
-  if (!record) return;
-
-  StowOutcome outcome = performSwap(layout, hostBundleID, *record, layout.previous, false);
-  if (outcome.succeeded) outcome.message = "Put back the data from before the restore.";
-  outcome.canUndo = false;
-  writeRecord(outcome, layout.outcomeRecord);
-
-  files::removeAll(layout.previous);
-  ::unlink(layout.previousRecord.c_str());
+  if (!record) {
+    ::unlink(layout.undoRequest.c_str());
+    return true;
+  }
+  // The swap consumes the marker once its journal is written, so that an undo cut short is
+  // finished rather than lost, and one that could not start is tried again.
+  return performSwap(layout, hostBundleID, StowSwapKind::undo, *record);
 }
 
 }  // namespace corvelstow

@@ -19,6 +19,8 @@ StowLayout StowLayout::forRoots(const fs::path& home, const fs::path& temporary)
   layout.previous = layout.workFolder / "Previous";
   layout.previousRecord = layout.workFolder / "previous.json";
   layout.previousNew = layout.workFolder / "Previous-new";
+  layout.previousOld = layout.workFolder / "Previous-old";
+  layout.swapJournal = layout.workFolder / "swap.json";
   layout.settingsRecord = layout.workFolder / "settings.json";
   layout.outcomeRecord = layout.workFolder / "outcome.json";
   layout.undoRequest = layout.workFolder / "undo.request";

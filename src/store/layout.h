@@ -21,6 +21,8 @@ struct StowLayout {
   fs::path previous;        ///< work folder/Previous
   fs::path previousRecord;  ///< work folder/previous.json
   fs::path previousNew;     ///< work folder/Previous-new, the aside folder of a swap
+  fs::path previousOld;     ///< work folder/Previous-old, the Previous being replaced
+  fs::path swapJournal;     ///< work folder/swap.json, the journal of a swap under way
   fs::path settingsRecord;  ///< work folder/settings.json
   fs::path outcomeRecord;   ///< work folder/outcome.json
   fs::path undoRequest;     ///< work folder/undo.request

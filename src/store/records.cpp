@@ -39,6 +39,24 @@ namespace {
 
 // Encoding ---------------------------------------------------------------------------------
 
+// The journal's two enumerations, by their stored names.
+constexpr std::pair<StowSwapKind, std::string_view> kKindNames[] = {
+    {StowSwapKind::restore, "restore"}, {StowSwapKind::undo, "undo"}};
+
+constexpr std::pair<StowSwapStep, std::string_view> kStepNames[] = {
+    {StowSwapStep::documentsAside, "documentsAside"}, {StowSwapStep::documentsIn, "documentsIn"},
+    {StowSwapStep::libraryAside, "libraryAside"},     {StowSwapStep::libraryIn, "libraryIn"},
+    {StowSwapStep::settingsAside, "settingsAside"},   {StowSwapStep::settingsIn, "settingsIn"},
+    {StowSwapStep::finish, "finish"}};
+
+template <typename Enum, size_t N>
+std::string nameOf(Enum value, const std::pair<Enum, std::string_view> (&names)[N]) {
+  for (const auto& [candidate, name] : names) {
+    if (candidate == value) return std::string(name);
+  }
+  return std::string(names[0].second);
+}
+
 void putOptional(json& object, const char* key, const std::optional<std::string>& value) {
   if (value) object[key] = *value;
 }
@@ -90,6 +108,13 @@ std::optional<std::string> readOptionalString(const json& object, const char* ke
   return readString(object.at(key));
 }
 
+std::vector<std::string> readStrings(const json& value) {
+  if (!value.is_array()) throw Mismatch{};
+  std::vector<std::string> strings;
+  for (const json& item : value) strings.push_back(readString(item));
+  return strings;
+}
+
 const json& requireObject(const json& value) {
   if (!value.is_object()) throw Mismatch{};
   return value;
@@ -103,10 +128,7 @@ void read(const json& object, StowManifest& m) {
   m.appVersion = readOptionalString(object, "appVersion");
   m.createdAt = readDate(field(object, "createdAt"));
   m.deviceName = readOptionalString(object, "deviceName");
-  const json& paths = field(object, "includedPaths");
-  if (!paths.is_array()) throw Mismatch{};
-  m.includedPaths.clear();
-  for (const json& path : paths) m.includedPaths.push_back(readString(path));
+  m.includedPaths = readStrings(field(object, "includedPaths"));
   m.fileCount = readInt64(field(object, "fileCount"));
   m.totalBytes = readInt64(field(object, "totalBytes"));
   m.kind = readOptionalString(object, "kind");
@@ -129,6 +151,24 @@ void read(const json& object, StowStagedRestore& r) {
   if (!scope) throw Mismatch{};
   r.scope = *scope;
   r.stagedAt = readDate(field(object, "stagedAt"));
+}
+
+template <typename Enum, size_t N>
+Enum readName(const json& value, const std::pair<Enum, std::string_view> (&names)[N]) {
+  std::string text = readString(value);
+  for (const auto& [candidate, name] : names) {
+    if (name == text) return candidate;
+  }
+  throw Mismatch{};
+}
+
+void read(const json& object, StowSwapJournal& j) {
+  requireObject(object);
+  j.kind = readName(field(object, "kind"), kKindNames);
+  read(field(object, "record"), j.record);
+  j.step = readName(field(object, "step"), kStepNames);
+  j.failures = readStrings(field(object, "failures"));
+  j.keptDomains = readStrings(field(object, "keptDomains"));
 }
 
 void read(const json& object, StowOutcome& o) {
@@ -182,10 +222,19 @@ json toJson(const StowOutcome& o) {
           {"announced", o.announced}};
 }
 
-// nlohmann::json keeps object keys in a std::map, so dump() writes them sorted.
+json toJson(const StowSwapJournal& j) {
+  return {{"kind", nameOf(j.kind, kKindNames)},
+          {"record", toJson(j.record)},
+          {"step", nameOf(j.step, kStepNames)},
+          {"failures", j.failures},
+          {"keptDomains", j.keptDomains}};
+}
+
+// nlohmann::json keeps object keys in a std::map, so dump() writes them sorted. A name that is
+// not UTF-8 (a file name in a failure text, say) is written with U+FFFD rather than thrown on.
 template <typename Record>
 std::string encodeRecord(const Record& record) {
-  return toJson(record).dump(2) + "\n";
+  return toJson(record).dump(2, ' ', false, json::error_handler_t::replace) + "\n";
 }
 
 template <typename Record>
@@ -207,10 +256,12 @@ template std::string encodeRecord(const StowManifest&);
 template std::string encodeRecord(const StowSettings&);
 template std::string encodeRecord(const StowStagedRestore&);
 template std::string encodeRecord(const StowOutcome&);
+template std::string encodeRecord(const StowSwapJournal&);
 template std::optional<StowManifest> decodeRecord(std::string_view);
 template std::optional<StowSettings> decodeRecord(std::string_view);
 template std::optional<StowStagedRestore> decodeRecord(std::string_view);
 template std::optional<StowOutcome> decodeRecord(std::string_view);
+template std::optional<StowSwapJournal> decodeRecord(std::string_view);
 
 StowSettings loadSettings(const StowLayout& layout) {
   return readRecord<StowSettings>(layout.settingsRecord).value_or(StowSettings{});

@@ -74,14 +74,44 @@ struct StowOutcome {
   bool operator==(const StowOutcome&) const = default;
 };
 
+/// Which launch-time operation a swap carries out: a staged restore or an undo.
+enum class StowSwapKind { restore, undo };
+
+/// The steps of a swap, in the order they run. A step that moves data aside may run again after
+/// an interruption; a step that puts data back, and the finish, may not run after the step
+/// before them has, so the journal names each of those as it begins.
+enum class StowSwapStep {
+  documentsAside,
+  documentsIn,
+  libraryAside,
+  libraryIn,
+  settingsAside,
+  settingsIn,
+  finish,  ///< keep what was replaced, write the outcome, clear the source
+};
+
+/// The journal of a swap under way (swap.json): what it applies and how far it has come, so
+/// that a launch that finds it finishes the swap instead of starting it again.
+struct StowSwapJournal {
+  StowSwapKind kind = StowSwapKind::restore;
+  StowStagedRestore record;  ///< the record being applied (staged.json or previous.json)
+  StowSwapStep step = StowSwapStep::documentsAside;
+  std::vector<std::string> failures;     ///< the failure texts of the steps before `step`
+  std::vector<std::string> keptDomains;  ///< settings domains that could not be set aside
+
+  bool operator==(const StowSwapJournal&) const = default;
+};
+
 /// A record as a JSON object: keys are the field names, absent optionals are left out,
 /// dates are internet date-times.
 nlohmann::json toJson(const StowManifest& manifest);
 nlohmann::json toJson(const StowSettings& settings);
 nlohmann::json toJson(const StowStagedRestore& restore);
 nlohmann::json toJson(const StowOutcome& outcome);
+nlohmann::json toJson(const StowSwapJournal& journal);
 
 /// The one encoding of a record: keys sorted, pretty-printed; equal records give equal bytes.
+/// Text that is not valid UTF-8 is encoded with U+FFFD in place of each invalid sequence.
 template <typename Record>
 std::string encodeRecord(const Record& record);
 
@@ -98,11 +128,15 @@ std::optional<Record> readRecord(const std::filesystem::path& file) {
   return decodeRecord<Record>(*bytes);
 }
 
-/// Writes a record atomically, creating its folder first. Failures are dropped: an older
-/// file stays as it was.
+/// Writes a record atomically, creating its folder first. Never throws: on any failure an older
+/// file stays as it was and the result is false (with errno set when a file operation failed).
 template <typename Record>
-void writeRecord(const Record& record, const std::filesystem::path& file) {
-  files::writeAtomically(file, encodeRecord(record));
+bool writeRecord(const Record& record, const std::filesystem::path& file) noexcept {
+  try {
+    return files::writeAtomically(file, encodeRecord(record));
+  } catch (...) {
+    return false;
+  }
 }
 
 /// The settings in settings.json, or the defaults when it is missing or does not decode.

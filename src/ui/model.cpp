@@ -252,7 +252,13 @@ void StowModel::closeApp() {
 
 void StowModel::undoAndCloseApp() {
   if (!previous_) return;
-  requestUndo(layout_);
+  try {
+    requestUndo(layout_);
+  } catch (const std::exception& error) {
+    // The app stays open, so that the user sees why nothing will be undone.
+    publish(errorText_, std::optional<std::string>(error.what()), Field::errorText);
+    return;
+  }
   closeApp();
 }
 

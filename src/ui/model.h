@@ -233,7 +233,8 @@ class StowModel : public std::enable_shared_from_this<StowModel> {
   void closeApp();
 
   /// Leaves the undo request for the next launch, then closes the app. Nothing when there is
-  /// no previous restore to undo.
+  /// no previous restore to undo; when the request cannot be left (another operation holds
+  /// the app's data), errorText says so and the app stays open.
   void undoAndCloseApp();
 
   /// The two options: each writes through to settings.json at once.

@@ -43,10 +43,31 @@ void ContainerFixture::stage(StowRestoreScope scope, const std::string& sourceID
 }
 
 ProcessResult ContainerFixture::launch(const std::map<std::string, std::string>& environment) {
+  return startLaunch(environment)->wait();
+}
+
+std::unique_ptr<ChildProcess> ContainerFixture::startLaunch(
+    const std::map<std::string, std::string>& environment) {
   std::map<std::string, std::string> all{{"CORVELSTOW_HOME", layout.home.string()},
                                          {"CORVELSTOW_BUNDLE", bundle.string()}};
   all.insert(environment.begin(), environment.end());
-  return runCommand({"run", "--", CORVELSTOW_EXAMPLE_HOST}, all);
+  return std::make_unique<ChildProcess>(
+      std::vector<std::string>{CORVELSTOW_COMMAND, "run", "--", CORVELSTOW_EXAMPLE_HOST}, all);
+}
+
+std::map<std::string, std::string> ContainerFixture::state() {
+  auto tree = readTree(layout.home);
+  auto relative = [&](const fs::path& path) { return path.lexically_relative(layout.home).string(); };
+  tree.erase(relative(layout.lockFile));
+  if (auto outcome = readRecord<StowOutcome>(layout.outcomeRecord)) {
+    outcome->appliedAt = {};
+    tree[relative(layout.outcomeRecord)] = encodeRecord(*outcome);
+  }
+  if (auto previous = readRecord<StowStagedRestore>(layout.previousRecord)) {
+    previous->stagedAt = {};
+    tree[relative(layout.previousRecord)] = encodeRecord(*previous);
+  }
+  return tree;
 }
 
 PlistDictionary ContainerFixture::domainIn(const fs::path& file) {

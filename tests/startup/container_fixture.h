@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <memory>
 #include <string>
 
 #include "platform/platform.h"
@@ -31,6 +32,15 @@ class ContainerFixture : public ::testing::Test {
 
   /// Launches the example host through `corvelstow run` with this container and bundle.
   ProcessResult launch(const std::map<std::string, std::string>& environment = {});
+
+  /// The same launch, started and left running.
+  std::unique_ptr<ChildProcess> startLaunch(
+      const std::map<std::string, std::string>& environment = {});
+
+  /// Everything in the container by path, with the times that differ from run to run (when an
+  /// outcome was applied, when Previous was kept) left out, and without the lock file: two
+  /// containers that went through the same operations have equal states.
+  std::map<std::string, std::string> state();
 
   /// The settings domain stored in `file`, or an empty dictionary.
   static PlistDictionary domainIn(const fs::path& file);

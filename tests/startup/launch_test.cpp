@@ -3,8 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <functional>
 #include <iostream>
 #include <set>
+#include <thread>
+#include <tuple>
 
 #include "container_fixture.h"
 
@@ -98,9 +102,9 @@ TEST_F(LaunchTest, LeavesAnUndecodableStagedRecordForTheNextLaunch) {
   stage(StowRestoreScope::everything);
   for (const char* bad : {"{\"scope\": \"everything\"", "{\"scope\": \"library\"}"}) {
     testing::writeFile(layout.stagedRecord, bad);
-    Tree before = readTree(layout.home);
+    Tree before = state();
     ASSERT_EQ(launch().exitCode, 0);
-    EXPECT_EQ(readTree(layout.home), before) << bad;
+    EXPECT_EQ(state(), before) << bad;
     EXPECT_FALSE(outcome());
   }
 }
@@ -167,51 +171,175 @@ TEST_F(LaunchTest, UndoRunsBeforeANewlyStagedRestore) {
   expectStagingCleared();
 }
 
-// A launch killed at each rename of the swap in turn, then launched again. The second launch
-// finds staged.json still there and runs the whole swap again; its first step discards the
-// aside folder of the interrupted run. What that costs is printed and pinned down here.
-TEST_F(LaunchTest, ALaunchKilledMidSwapAndLaunchedAgain) {
-  stage(StowRestoreScope::everything);
+// A launch killed at each rename in turn (of the swap, its journal, its records and settings),
+// then launched again, ends exactly as a launch that was never killed: the backup's data live,
+// every pre-restore file in Previous. Likewise for the launch that performs an undo, which
+// must bring the pre-restore data back.
+TEST_P(LaunchScopeTest, ALaunchKilledAtAnyRenameIsFinishedByTheNext) {
+  const StowRestoreScope scope = GetParam();
+  stage(scope);
   const Tree original = movableFiles(layout.home), backup = movableFiles(layout.staged);
-  const fs::path pristine = folder / "pristine";
-  fs::copy(layout.home, pristine, fs::copy_options::recursive);
+  const fs::path beforeRestore = folder / "before restore", beforeUndo = folder / "before undo";
+  auto save = [&](const fs::path& copy) { fs::copy(layout.home, copy, fs::copy_options::recursive); };
+  auto reset = [&](const fs::path& copy) {
+    fs::remove_all(layout.home);
+    fs::copy(copy, layout.home, fs::copy_options::recursive);
+  };
+  auto requestUndo = [&] {
+    ASSERT_EQ(testing::runCommand({"--home", layout.home.string(), "undo"}).exitCode, 0);
+  };
 
-  for (int kill = 1;; ++kill) {
+  // The uninterrupted restore and undo that every interrupted one must end like.
+  save(beforeRestore);
+  const Tree pristine = state();
+  ASSERT_EQ(launch().exitCode, 0);
+  const Tree restored = state();
+  if (scope != StowRestoreScope::settings) {
+    for (const auto& [path, contents] : backup) {
+      if (path.rfind("Documents/", 0) == 0 || scope == StowRestoreScope::everything) {
+        EXPECT_EQ(readFile(layout.home / path), contents) << path;
+      }
+    }
+    for (const auto& [path, contents] : original) {
+      // A backup without caches leaves the app's own in place.
+      if (path.rfind("Documents/", 0) == 0 ||
+          (scope == StowRestoreScope::everything && path.rfind("Library/Caches/", 0) != 0)) {
+        EXPECT_EQ(readFile(layout.previous / path), contents) << path;
+      }
+    }
+  }
+  requestUndo();
+  save(beforeUndo);
+  ASSERT_EQ(launch().exitCode, 0);
+  const Tree undone = state();
+  EXPECT_EQ(movableFiles(layout.home), original);
+
+  for (const auto& [name, before, after] :
+       {std::tuple{"restore", beforeRestore, restored}, std::tuple{"undo", beforeUndo, undone}}) {
+    int kills = 0;
+    for (;; ++kills) {
+      reset(before);
+      auto killed = launch({{"LD_PRELOAD", CORVELSTOW_RENAME_FAULT},
+                            {"CORVELSTOW_KILL_AT_RENAME", std::to_string(kills + 1)}});
+      if (killed.exitCode == 0) break;  // the launch needs fewer renames than this
+      ASSERT_EQ(killed.exitCode, 128 + SIGKILL);
+      auto again = launch();
+      ASSERT_EQ(again.exitCode, 0) << again.err;
+      EXPECT_EQ(state(), after) << name << " killed at rename " << kills + 1;
+      if (std::string(name) == "restore") {  // and the undo after it still puts everything back
+        requestUndo();
+        ASSERT_EQ(launch().exitCode, 0);
+        EXPECT_EQ(state(), undone) << "undo after a restore killed at rename " << kills + 1;
+      }
+    }
+    std::cout << rawValue(scope) << ": " << name << " killed at each of its " << kills
+              << " renames, then launched again\n";
+  }
+  reset(beforeRestore);
+  EXPECT_EQ(state(), pristine);
+}
+
+// A swap that cannot start moves nothing: the outcome says why, the staged restore waits for a
+// later launch, and no undo point appears that an undo could empty the app with.
+TEST_F(LaunchTest, ASwapThatCannotStartMovesNothingAndWaits) {
+  stage(StowRestoreScope::everything);
+  const fs::path pristine = folder / "pristine", elsewhere = folder / "elsewhere";
+  fs::copy(layout.home, pristine, fs::copy_options::recursive);
+  testing::writeFile(elsewhere / "foreign.txt", "not the app's");
+  auto linkTo = [&](const fs::path& place) {
+    return [&, place] {
+      fs::remove_all(place);
+      fs::create_directory_symlink(elsewhere, place);
+    };
+  };
+  struct Case {
+    std::map<std::string, std::string> faults;
+    std::function<void()> arrange;
+    std::string message;
+  };
+  const Case cases[] = {
+      {{{"CORVELSTOW_FAIL_MKDIRS", "Previous-new"}}, {},
+       "Nothing was moved: could not create Previous-new: No space left on device."},
+      {{{"CORVELSTOW_FAIL_MKDIRS", "Previous-new/Library/Preferences"}}, {},
+       "Nothing was moved: could not create Previous-new/Library/Preferences: No space left on "
+       "device."},
+      {{{"CORVELSTOW_FAIL_RENAMES", "swap.json"}}, {},
+       "Nothing was moved: could not write swap.json: Input/output error."},
+      {{}, linkTo(layout.staged), "Nothing was moved: Library/CorvelStow/Staged is a link."},
+      {{}, linkTo(layout.previous), "Nothing was moved: Library/CorvelStow/Previous is a link."},
+      {{}, linkTo(layout.previousNew),
+       "Nothing was moved: Library/CorvelStow/Previous-new is a link."},
+      {{}, linkTo(layout.documents), "Nothing was moved: Documents is a link."},
+      {{}, [&] { testing::writeFile(layout.previousNew / "Documents/kept.txt", "set aside"); },
+       "Nothing was moved: Previous-new still holds data from an earlier restore."},
+  };
+  for (const Case& c : cases) {
     fs::remove_all(layout.home);
     fs::copy(pristine, layout.home, fs::copy_options::recursive);
-    auto killed = launch({{"LD_PRELOAD", CORVELSTOW_RENAME_FAULT},
-                          {"CORVELSTOW_KILL_AT_RENAME", std::to_string(kill)}});
-    if (killed.exitCode == 0) break;  // the launch needs fewer renames than this
-    ASSERT_EQ(killed.exitCode, 128 + SIGKILL);
-    EXPECT_TRUE(fs::exists(layout.stagedRecord)) << "kill at rename " << kill;
+    if (c.arrange) c.arrange();
+    Tree before = state();
+    auto environment = c.faults;
+    environment["LD_PRELOAD"] = CORVELSTOW_RENAME_FAULT;
+    ASSERT_EQ(launch(environment).exitCode, 0);
 
-    auto again = launch();
-    ASSERT_EQ(again.exitCode, 0) << again.err;
-    expectStagingCleared();
-    ASSERT_TRUE(outcome()) << "kill at rename " << kill;
+    auto result = outcome();
+    ASSERT_TRUE(result) << c.message;
+    EXPECT_EQ(result->message, c.message);
+    EXPECT_FALSE(result->succeeded || result->canUndo) << c.message;
+    Tree after = state();
+    after.erase("Library/CorvelStow/outcome.json");
+    EXPECT_EQ(after, before) << c.message;
+    EXPECT_EQ(readTree(elsewhere), (Tree{{"foreign.txt", "not the app's"}}));
+    EXPECT_EQ(testing::runCommand({"--home", layout.home.string(), "undo"}).err,
+              "There is no restore to undo.\n");
+  }
+  // Once the disk has room again, the restore that waited is applied.
+  fs::remove_all(layout.home);
+  fs::copy(pristine, layout.home, fs::copy_options::recursive);
+  launch({{"LD_PRELOAD", CORVELSTOW_RENAME_FAULT}, {"CORVELSTOW_FAIL_MKDIRS", "Previous-new"}});
+  ASSERT_EQ(launch().exitCode, 0);
+  EXPECT_EQ(outcome()->message, "Restored everything from Notes.");
+  EXPECT_EQ(readFile(layout.previous / "Documents/old.txt"), "live old");
+}
 
-    Tree live = movableFiles(layout.home), kept = movableFiles(layout.previous);
-    std::set<std::string> lost, backupNotLive;
-    for (const auto& [path, contents] : original) {
-      bool found = false;
-      for (const Tree* place : {&live, &kept}) {
-        for (const auto& [where, what] : *place) found |= what == contents;
-      }
-      if (!found) lost.insert(path);
-    }
-    for (const auto& [path, contents] : backup) {
-      if (live[path] != contents) backupNotLive.insert(path);
-      // Backup data is never lost: what is not live was kept in Previous.
-      EXPECT_TRUE(live[path] == contents || kept[path] == contents)
-          << "kill at rename " << kill << ": " << path;
-    }
-    EXPECT_EQ(domainIn(layout.preferences / "com.example.notes.plist"), domain("theme", "backup"));
+// A failure text that names a file whose name is not UTF-8 is still recorded, and the restore
+// is not repeated at the next launch.
+TEST_F(LaunchTest, AFailureNamingAFileThatIsNotUtf8IsRecordedOnce) {
+  const std::string name = "caf\xe9";
+  testing::writeFile(layout.documents / name, "live caf\xc3\xa9");
+  stage(StowRestoreScope::documents);
+  ASSERT_EQ(launch({{"LD_PRELOAD", CORVELSTOW_RENAME_FAULT}, {"CORVELSTOW_FAIL_RENAMES", name}})
+                .exitCode,
+            0);
+  auto result = outcome();
+  ASSERT_TRUE(result);
+  EXPECT_EQ(result->message, "Could not move aside caf\xef\xbf\xbd");
+  expectStagingCleared();
+  Tree documents = readTree(layout.documents);
+  ASSERT_EQ(launch().exitCode, 0);
+  EXPECT_EQ(readTree(layout.documents), documents);
+  EXPECT_EQ(readFile(layout.documents / name), "live caf\xc3\xa9");
+}
 
-    std::cout << "kill at rename " << kill << ": pre-restore files lost:";
-    for (const auto& path : lost) std::cout << ' ' << path;
-    std::cout << "; backup files left in Previous instead of live:";
-    for (const auto& path : backupNotLive) std::cout << ' ' << path;
-    std::cout << '\n';
+// Two launches at once: the second waits for the first, or leaves the work to it when it takes
+// longer; either way the restore is applied once and ends as a lone launch does.
+TEST_F(LaunchTest, TwoLaunchesAtOnceApplyTheRestoreOnce) {
+  stage(StowRestoreScope::everything);
+  const fs::path pristine = folder / "pristine";
+  fs::copy(layout.home, pristine, fs::copy_options::recursive);
+  ASSERT_EQ(launch().exitCode, 0);
+  const Tree alone = state();
+
+  for (const char* renameMilliseconds : {"10", "60"}) {  // the second waits; it gives up
+    fs::remove_all(layout.home);
+    fs::copy(pristine, layout.home, fs::copy_options::recursive);
+    auto first = startLaunch(
+        {{"LD_PRELOAD", CORVELSTOW_RENAME_FAULT}, {"CORVELSTOW_SLOW_RENAMES", renameMilliseconds}});
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    auto second = launch();
+    EXPECT_EQ(second.exitCode, 0) << second.err;
+    EXPECT_EQ(first->wait().exitCode, 0);
+    EXPECT_EQ(state(), alone) << "renames of " << renameMilliseconds << " ms";
   }
 }
 

@@ -12,9 +12,12 @@ using testing::readTree;
 
 class SwapTest : public testing::ContainerFixture {
  protected:
-  StowOutcome swap(bool retain = true) {
-    return performSwap(layout, kHostID, *readRecord<StowStagedRestore>(layout.stagedRecord),
-                       layout.staged, retain);
+  // Applies the staged restore and gives the outcome it wrote.
+  StowOutcome swap() {
+    EXPECT_TRUE(performSwap(layout, kHostID, StowSwapKind::restore,
+                            *readRecord<StowStagedRestore>(layout.stagedRecord)));
+    EXPECT_FALSE(fs::exists(layout.swapJournal));
+    return readRecord<StowOutcome>(layout.outcomeRecord).value_or(StowOutcome{});
   }
   void TearDown() override { ::unsetenv("CORVELSTOW_FAIL_RENAMES"); }
 };
@@ -39,7 +42,6 @@ TEST_F(SwapTest, EverythingReplacesDataAndSettingsAndKeepsWhatItReplaced) {
   // System folders are never moved, in either direction.
   EXPECT_EQ(readTree(layout.library / "SplashBoard"), (std::map<std::string, std::string>{{"s", "splash"}}));
   EXPECT_EQ(readFile(layout.library / "Saved Application State/st"), "state");
-  EXPECT_TRUE(fs::exists(layout.staged / "Library/SplashBoard/s2"));
 
   // Settings go through the store: staged domains are installed, a live one absent from the
   // backup is removed, and the folder itself is never moved as files.
@@ -59,6 +61,10 @@ TEST_F(SwapTest, EverythingReplacesDataAndSettingsAndKeepsWhatItReplaced) {
   EXPECT_EQ(domainIn(layout.previous / "Library/Preferences/com.live.only.plist"),
             domain("k", "live only"));
   EXPECT_FALSE(fs::exists(layout.previousNew));
+  EXPECT_FALSE(fs::exists(layout.previousOld));
+  // The staging is cleared, what was not moved in with it.
+  EXPECT_FALSE(fs::exists(layout.staged));
+  EXPECT_FALSE(fs::exists(layout.stagedRecord));
 
   auto kept = readRecord<StowStagedRestore>(layout.previousRecord);
   ASSERT_TRUE(kept);
@@ -114,43 +120,93 @@ TEST_F(SwapTest, AnotherAppsDomainIsInstalledUnderThisAppsIdentifier) {
             kHostID);
 }
 
+// A move that fails leaves its entry where it was, and nothing is moved in over it: the live
+// entry is never replaced, a settings domain never removed before its copy is kept.
 TEST_F(SwapTest, FailedMovesAreReportedInOrderCappedAtThreeAndLoseNothing) {
-  stage(StowRestoreScope::everything);
-  auto before = readTree(layout.home);
-  auto staged = readTree(layout.staged);
-  ::setenv("CORVELSTOW_FAIL_RENAMES", "old.txt,new.txt,Application Support", 1);
+  using Domains = std::map<std::string, PlistDictionary>;
+  const std::string aside = "Previous-new/Library/Preferences/";
+  const struct {
+    StowRestoreScope scope;
+    std::string failing;
+    std::string message;
+    Domains live;  // the settings afterwards
+  } cases[] = {
+      {StowRestoreScope::everything, "Previous-new/Documents/a.txt,Application Support",
+       "Could not move aside a.txt. Could not put back a.txt. "
+       "Could not move aside Application Support",
+       {{"com.example.notes", domain("theme", "backup")}, {"group.shared", domain("g", "backup group")}}},
+      {StowRestoreScope::settings, aside + "com.example.notes.plist",
+       "Could not move aside com.example.notes.plist. Could not put back com.example.notes.plist",
+       {{"com.example.notes", domain("theme", "live")}, {"group.shared", domain("g", "backup group")}}},
+      {StowRestoreScope::settings, aside + "com.live.only.plist",
+       "Could not move aside com.live.only.plist",
+       {{"com.example.notes", domain("theme", "backup")},
+        {"com.live.only", domain("k", "live only")},
+        {"group.shared", domain("g", "backup group")}}},
+  };
+  const fs::path pristine = folder / "pristine";
+  fs::copy(layout.home, pristine, fs::copy_options::recursive);
+  for (const auto& c : cases) {
+    fs::remove_all(layout.home);
+    fs::copy(pristine, layout.home, fs::copy_options::recursive);
+    stage(c.scope);
+    const auto before = readTree(layout.home);
+    ::setenv("CORVELSTOW_FAIL_RENAMES", c.failing.c_str(), 1);
+    StowOutcome outcome = swap();
+    ::unsetenv("CORVELSTOW_FAIL_RENAMES");
 
-  StowOutcome outcome = swap();
-  EXPECT_FALSE(outcome.succeeded);
-  EXPECT_TRUE(outcome.canUndo);
-  EXPECT_EQ(outcome.message,
-            "Could not move aside old.txt. Could not put back new.txt. "
-            "Could not move aside Application Support");
-
-  // Every live file is still live or kept in Previous; every staged one is live or still staged.
-  for (const auto& [path, contents] : before) {
-    if (contents == "/" || path.rfind("Library/CorvelStow", 0) == 0 ||
-        path.rfind("Library/Preferences", 0) == 0)
-      continue;
-    auto live = readTree(layout.home);
-    auto previous = readTree(layout.previous);
-    EXPECT_TRUE(live[path] == contents || previous[path] == contents) << path;
+    EXPECT_FALSE(outcome.succeeded);
+    EXPECT_TRUE(outcome.canUndo);
+    EXPECT_EQ(outcome.message, c.message);
+    // Every live file is still live or kept in Previous.
+    auto live = readTree(layout.home), previous = readTree(layout.previous);
+    for (const auto& [path, contents] : before) {
+      if (contents == "/" || path.rfind("Library/CorvelStow", 0) == 0) continue;
+      EXPECT_TRUE(live[path] == contents || previous[path] == contents) << path;
+    }
+    Domains domains;
+    for (const auto& name : files::listNames(layout.preferences)) {
+      domains[name.substr(0, name.size() - 6)] = domainIn(layout.preferences / name);
+    }
+    EXPECT_EQ(domains, c.live) << c.failing;
   }
-  for (const auto& [path, contents] : staged) {
-    if (contents == "/" || path.rfind("Library/Preferences", 0) == 0) continue;
-    EXPECT_TRUE(readTree(layout.home)[path] == contents || readTree(layout.staged)[path] == contents)
-        << path;
-  }
-  EXPECT_EQ(readFile(layout.documents / "old.txt"), "live old");
-  EXPECT_EQ(readFile(layout.staged / "Documents/new.txt"), "backup new");
+  EXPECT_EQ(readFile(layout.home / "Documents/old.txt"), "live old");
 }
 
-// With nothing staged, everything live is moved aside and the swap still succeeds.
+// Dates far before and after 1933 to 2069, and fractions before 2001, come through a settings
+// restore exactly: in the store and in Previous. Python's plistlib reads them as written.
+TEST_F(SwapTest, SettingsKeepEveryDate) {
+  auto dates = [](double shift) {
+    return PlistDictionary{{"year1", PlistValue{PlistDate{-63113904000 + shift}}},
+                           {"1900", PlistValue{PlistDate{-3187296000.5 + shift}}},
+                           {"beforeFraction", PlistValue{PlistDate{-0.25 + shift}}},
+                           {"2100", PlistValue{PlistDate{3124137600.75 + shift}}},
+                           {"distantFuture", PlistValue{PlistDate{63113904000 + shift}}}};
+  };
+  stage(StowRestoreScope::settings);
+  writeDomain(layout.preferences / "com.example.notes.plist", dates(0));
+  writeDomain(layout.staged / "Library/Preferences/com.example.notes.plist", dates(60));
+  swap();
+  EXPECT_EQ(domainIn(layout.preferences / "com.example.notes.plist"), dates(60));
+  EXPECT_EQ(domainIn(layout.previous / "Library/Preferences/com.example.notes.plist"), dates(0));
+
+  auto read = testing::runProcess(
+      {"python3", "-c",
+       "import plistlib, sys\n"
+       "d = plistlib.load(open(sys.argv[1], 'rb'))\n"
+       "print(d['year1'], d['beforeFraction'], d['distantFuture'])",
+       (layout.previous / "Library/Preferences/com.example.notes.plist").string()});
+  EXPECT_EQ(read.out, "0001-01-01 00:00:00 2000-12-31 23:59:59.750000 4001-01-01 00:00:00\n")
+      << read.err;
+}
+
+// With nothing kept in Previous, an undo moves everything live aside and still succeeds.
 TEST_F(SwapTest, AMissingSourceEmptiesTheScopeAndSucceeds) {
   StowStagedRestore record;
-  record.manifest.appName = "Notes";
+  record.manifest.appName = "Before the restore";
   record.scope = StowRestoreScope::documents;
-  StowOutcome outcome = performSwap(layout, kHostID, record, folder / "absent", false);
+  EXPECT_TRUE(performSwap(layout, kHostID, StowSwapKind::undo, record));
+  StowOutcome outcome = *readRecord<StowOutcome>(layout.outcomeRecord);
   EXPECT_TRUE(outcome.succeeded);
   EXPECT_FALSE(outcome.canUndo);
   EXPECT_TRUE(readTree(layout.documents).empty());

@@ -12,16 +12,18 @@
 
 namespace corvelstow::testing {
 
-ProcessResult runProcess(const std::vector<std::string>& arguments,
-                         const std::map<std::string, std::string>& environment,
-                         const std::string& input) {
-  TempFolder scratch;
-  const fs::path in = scratch / "stdin", out = scratch / "stdout", err = scratch / "stderr";
+ChildProcess::ChildProcess(const std::vector<std::string>& arguments,
+                           const std::map<std::string, std::string>& environment,
+                           const std::string& input) {
+  char scratch[] = "/tmp/corvelstow-child-XXXXXX";
+  if (::mkdtemp(scratch) == nullptr) throw std::runtime_error("mkdtemp failed");
+  scratch_ = scratch;
+  const fs::path in = scratch_ + "/stdin", out = scratch_ + "/stdout", err = scratch_ + "/stderr";
   writeFile(in, input);
 
-  pid_t child = ::fork();
-  if (child < 0) throw std::runtime_error("fork failed");
-  if (child == 0) {
+  pid_ = ::fork();
+  if (pid_ < 0) throw std::runtime_error("fork failed");
+  if (pid_ == 0) {
     ::dup2(::open(in.c_str(), O_RDONLY), 0);
     ::dup2(::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
     ::dup2(::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
@@ -38,14 +40,37 @@ ProcessResult runProcess(const std::vector<std::string>& arguments,
     ::execvp(argv[0], argv.data());
     ::_exit(127);
   }
-  int status = 0;
-  while (::waitpid(child, &status, 0) < 0) {
+}
+
+ChildProcess::~ChildProcess() {
+  if (pid_ > 0) {
+    kill();
+    wait();
   }
+  std::error_code ignored;
+  fs::remove_all(scratch_, ignored);
+}
+
+void ChildProcess::kill() {
+  if (pid_ > 0) ::kill(pid_, SIGKILL);
+}
+
+ProcessResult ChildProcess::wait() {
+  int status = 0;
+  while (::waitpid(pid_, &status, 0) < 0) {
+  }
+  pid_ = -1;
   ProcessResult result;
   result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  result.out = readFile(out);
-  result.err = readFile(err);
+  result.out = readFile(scratch_ + "/stdout");
+  result.err = readFile(scratch_ + "/stderr");
   return result;
+}
+
+ProcessResult runProcess(const std::vector<std::string>& arguments,
+                         const std::map<std::string, std::string>& environment,
+                         const std::string& input) {
+  return ChildProcess(arguments, environment, input).wait();
 }
 
 ProcessResult runCommand(const std::vector<std::string>& arguments,

@@ -51,7 +51,7 @@ void undo(const CommandContext& context) {
   if (!readRecord<StowStagedRestore>(layout.previousRecord)) {
     throwFileError(ENOENT, "There is no restore to undo.");
   }
-  if (!requestUndo(layout)) throwFileError("create", layout.undoRequest);
+  requestUndo(layout);
   if (context.json) {
     context.printJson({{"undoRequested", true}});
   } else {
