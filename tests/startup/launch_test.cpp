@@ -300,6 +300,22 @@ TEST_F(LaunchTest, ASwapThatCannotStartMovesNothingAndWaits) {
   ASSERT_EQ(launch().exitCode, 0);
   EXPECT_EQ(outcome()->message, "Restored everything from Notes.");
   EXPECT_EQ(readFile(layout.previous / "Documents/old.txt"), "live old");
+
+  // An undo that cannot start keeps its request, and a restore staged after it waits with it.
+  ASSERT_EQ(testing::runCommand({"--home", layout.home.string(), "undo"}).exitCode, 0);
+  stage(StowRestoreScope::documents);
+  Tree before = state();
+  launch({{"LD_PRELOAD", CORVELSTOW_RENAME_FAULT}, {"CORVELSTOW_FAIL_MKDIRS", "Previous-new"}});
+  EXPECT_EQ(outcome()->message,
+            "Nothing was moved: could not create Previous-new: No space left on device.");
+  EXPECT_EQ(outcome()->sourceName, "Before the restore");
+  Tree after = state();
+  after.erase("Library/CorvelStow/outcome.json");
+  before.erase("Library/CorvelStow/outcome.json");
+  EXPECT_EQ(after, before);
+  ASSERT_EQ(launch().exitCode, 0);
+  EXPECT_EQ(outcome()->message, "Restored documents from Notes.");
+  EXPECT_EQ(readFile(layout.previous / "Documents/old.txt"), "live old");  // the undo ran first
 }
 
 // A failure text that names a file whose name is not UTF-8 is still recorded, and the restore

@@ -10,6 +10,7 @@
 #include "backup/inspection.h"
 #include "backup/usage.h"
 #include "model_fixture.h"
+#include "store/container_lock.h"
 
 namespace corvelstow {
 namespace {
@@ -213,6 +214,14 @@ TEST_F(ModelTest, ClosingSuspendsAtOnceAndEndsTheProcessLaterAndUndoNeedsAPrevio
 
   writeRecord(stagedRestore("Notes", StowRestoreScope::everything), layout.previousRecord);
   model->reload();
+  {
+    // While another operation holds the app's data, the app stays open and says so.
+    auto busy = StowContainerLock::acquire(layout);
+    model->undoAndCloseApp();
+    EXPECT_EQ(model->errorText(), StowContainerLock::kBusyText);
+    EXPECT_FALSE(fs::exists(layout.undoRequest));
+    EXPECT_TRUE(control.calls.empty());
+  }
   model->undoAndCloseApp();
   EXPECT_TRUE(fs::exists(layout.undoRequest));
   EXPECT_EQ(control.calls, (Calls{{"suspend", 0}}));
