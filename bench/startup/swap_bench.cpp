@@ -89,8 +89,8 @@ static Timings measure(int entries) {
   timings.message = corvelstow::readRecord<corvelstow::StowOutcome>(layout.outcomeRecord)->message;
 
   // The same swap finished by a later launch, cut short before its first move and half-way.
-  for (auto [moved, result] : {std::pair{0, &timings.resumedAtStart},
-                               std::pair{entries / 2, &timings.resumedHalfway}}) {
+  for (auto [moved, result] :
+       {std::pair{0, &timings.resumedAtStart}, std::pair{entries / 2, &timings.resumedHalfway}}) {
     prepare();
     interrupt(layout, moved);
     start = Clock::now();
@@ -110,9 +110,10 @@ int main(int argc, char** argv) {
             std::min(best.resumedAtStart, t.resumedAtStart),
             std::min(best.resumedHalfway, t.resumedHalfway), t.message};
   }
-  std::printf("%d entries each way: bare rename loop %.1f ms, swap %.1f ms (%.2fx); %s\n"
-              "resumed before its first move %.1f ms, resumed half-way %.1f ms\n",
-              entries, best.bare * 1e3, best.fresh * 1e3, best.fresh / best.bare,
-              best.message.c_str(), best.resumedAtStart * 1e3, best.resumedHalfway * 1e3);
+  std::printf(
+      "%d entries each way: bare rename loop %.1f ms, swap %.1f ms (%.2fx); %s\n"
+      "resumed before its first move %.1f ms, resumed half-way %.1f ms\n",
+      entries, best.bare * 1e3, best.fresh * 1e3, best.fresh / best.bare, best.message.c_str(),
+      best.resumedAtStart * 1e3, best.resumedHalfway * 1e3);
   return 0;
 }

@@ -46,8 +46,8 @@ constexpr size_t kUnfinishedSuffix = 6;
 
 bool writeAtomically(const fs::path& path, std::string_view bytes) {
   createFolders(path.parent_path());
-  std::string temporary =
-      join(path.parent_path(), "." + path.filename().string() + std::string(kUnfinishedMark) + "XXXXXX");
+  std::string temporary = join(
+      path.parent_path(), "." + path.filename().string() + std::string(kUnfinishedMark) + "XXXXXX");
   UniqueFd fd(::mkstemp(temporary.data()));
   if (!fd) return false;
   bool written = ::fchmod(fd.get(), 0644) == 0 && writeAll(fd.get(), bytes) &&

@@ -67,12 +67,16 @@ bool includesSettings(StowRestoreScope scope) { return scope != StowRestoreScope
 bool appliesTo(StowSwapStep step, StowRestoreScope scope) {
   switch (step) {
     case StowSwapStep::documentsAside:
-    case StowSwapStep::documentsIn: return includesDocuments(scope);
+    case StowSwapStep::documentsIn:
+      return includesDocuments(scope);
     case StowSwapStep::libraryAside:
-    case StowSwapStep::libraryIn: return includesLibrary(scope);
+    case StowSwapStep::libraryIn:
+      return includesLibrary(scope);
     case StowSwapStep::settingsAside:
-    case StowSwapStep::settingsIn: return includesSettings(scope);
-    case StowSwapStep::finish: return true;
+    case StowSwapStep::settingsIn:
+      return includesSettings(scope);
+    case StowSwapStep::finish:
+      return true;
   }
   return false;
 }
@@ -230,8 +234,7 @@ bool finish(Swap& swap) {
   bool succeeded = swap.failures().empty();
   std::string message = swapMessage(swap.record(), swap.failures());
   if (!swap.restores() && succeeded) message = "Put back the data from before the restore.";
-  writeRecord(outcomeFor(swap.record(), message, succeeded, swap.restores()),
-              layout.outcomeRecord);
+  writeRecord(outcomeFor(swap.record(), message, succeeded, swap.restores()), layout.outcomeRecord);
 
   // A restore that failed half-way is not retried at the next launch.
   if (swap.restores()) {

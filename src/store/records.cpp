@@ -44,9 +44,12 @@ constexpr std::pair<StowSwapKind, std::string_view> kKindNames[] = {
     {StowSwapKind::restore, "restore"}, {StowSwapKind::undo, "undo"}};
 
 constexpr std::pair<StowSwapStep, std::string_view> kStepNames[] = {
-    {StowSwapStep::documentsAside, "documentsAside"}, {StowSwapStep::documentsIn, "documentsIn"},
-    {StowSwapStep::libraryAside, "libraryAside"},     {StowSwapStep::libraryIn, "libraryIn"},
-    {StowSwapStep::settingsAside, "settingsAside"},   {StowSwapStep::settingsIn, "settingsIn"},
+    {StowSwapStep::documentsAside, "documentsAside"},
+    {StowSwapStep::documentsIn, "documentsIn"},
+    {StowSwapStep::libraryAside, "libraryAside"},
+    {StowSwapStep::libraryIn, "libraryIn"},
+    {StowSwapStep::settingsAside, "settingsAside"},
+    {StowSwapStep::settingsIn, "settingsIn"},
     {StowSwapStep::finish, "finish"}};
 
 template <typename Enum, size_t N>

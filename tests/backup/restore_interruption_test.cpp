@@ -116,8 +116,8 @@ TEST_F(RestoreInterruptionTest, ARestoreKilledAtAnyPointLeavesNoHalfStaging) {
     }
   }
   std::cout << "restore killed at " << kKills << " points over its "
-            << std::chrono::duration<double, std::milli>(whole).count() << " ms: first left staged " << left["First"]
-            << ", second " << left["Second"] << ", none " << left["none"] << '\n';
+            << std::chrono::duration<double, std::milli>(whole).count() << " ms: first left staged "
+            << left["First"] << ", second " << left["Second"] << ", none " << left["none"] << '\n';
 }
 
 // Two restores at once: the second waits for the first and stages after it, or is told that
@@ -131,9 +131,8 @@ TEST_F(RestoreInterruptionTest, TwoRestoresAtOnceNeverMix) {
   for (const auto& [linger, staged, secondExit] :
        {std::tuple{"300", "Second", 0}, std::tuple{"2600", "First", 1}}) {
     fs::remove_all(layout.workFolder);
-    testing::ChildProcess slow(restoreCommand(first),
-                               {{"LD_PRELOAD", CORVELSTOW_RENAME_FAULT},
-                                {"CORVELSTOW_SLOW_RENAMES", linger}});
+    testing::ChildProcess slow(restoreCommand(first), {{"LD_PRELOAD", CORVELSTOW_RENAME_FAULT},
+                                                       {"CORVELSTOW_SLOW_RENAMES", linger}});
     std::this_thread::sleep_for(std::chrono::milliseconds(150));
     auto other = restore(second);
     EXPECT_EQ(other.exitCode, secondExit) << other.err;

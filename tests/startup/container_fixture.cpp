@@ -57,7 +57,9 @@ std::unique_ptr<ChildProcess> ContainerFixture::startLaunch(
 
 std::map<std::string, std::string> ContainerFixture::state() {
   auto tree = readTree(layout.home);
-  auto relative = [&](const fs::path& path) { return path.lexically_relative(layout.home).string(); };
+  auto relative = [&](const fs::path& path) {
+    return path.lexically_relative(layout.home).string();
+  };
   tree.erase(relative(layout.lockFile));
   if (auto outcome = readRecord<StowOutcome>(layout.outcomeRecord)) {
     outcome->appliedAt = {};

@@ -180,7 +180,9 @@ TEST_P(LaunchScopeTest, ALaunchKilledAtAnyRenameIsFinishedByTheNext) {
   stage(scope);
   const Tree original = movableFiles(layout.home), backup = movableFiles(layout.staged);
   const fs::path beforeRestore = folder / "before restore", beforeUndo = folder / "before undo";
-  auto save = [&](const fs::path& copy) { fs::copy(layout.home, copy, fs::copy_options::recursive); };
+  auto save = [&](const fs::path& copy) {
+    fs::copy(layout.home, copy, fs::copy_options::recursive);
+  };
   auto reset = [&](const fs::path& copy) {
     fs::remove_all(layout.home);
     fs::copy(copy, layout.home, fs::copy_options::recursive);
@@ -258,19 +260,24 @@ TEST_F(LaunchTest, ASwapThatCannotStartMovesNothingAndWaits) {
     std::string message;
   };
   const Case cases[] = {
-      {{{"CORVELSTOW_FAIL_MKDIRS", "Previous-new"}}, {},
+      {{{"CORVELSTOW_FAIL_MKDIRS", "Previous-new"}},
+       {},
        "Nothing was moved: could not create Previous-new: No space left on device."},
-      {{{"CORVELSTOW_FAIL_MKDIRS", "Previous-new/Library/Preferences"}}, {},
+      {{{"CORVELSTOW_FAIL_MKDIRS", "Previous-new/Library/Preferences"}},
+       {},
        "Nothing was moved: could not create Previous-new/Library/Preferences: No space left on "
        "device."},
-      {{{"CORVELSTOW_FAIL_RENAMES", "swap.json"}}, {},
+      {{{"CORVELSTOW_FAIL_RENAMES", "swap.json"}},
+       {},
        "Nothing was moved: could not write swap.json: Input/output error."},
       {{}, linkTo(layout.staged), "Nothing was moved: Library/CorvelStow/Staged is a link."},
       {{}, linkTo(layout.previous), "Nothing was moved: Library/CorvelStow/Previous is a link."},
-      {{}, linkTo(layout.previousNew),
+      {{},
+       linkTo(layout.previousNew),
        "Nothing was moved: Library/CorvelStow/Previous-new is a link."},
       {{}, linkTo(layout.documents), "Nothing was moved: Documents is a link."},
-      {{}, [&] { testing::writeFile(layout.previousNew / "Documents/kept.txt", "set aside"); },
+      {{},
+       [&] { testing::writeFile(layout.previousNew / "Documents/kept.txt", "set aside"); },
        "Nothing was moved: Previous-new still holds data from an earlier restore."},
   };
   for (const Case& c : cases) {
@@ -324,9 +331,9 @@ TEST_F(LaunchTest, AFailureNamingAFileThatIsNotUtf8IsRecordedOnce) {
   const std::string name = "caf\xe9";
   testing::writeFile(layout.documents / name, "live caf\xc3\xa9");
   stage(StowRestoreScope::documents);
-  ASSERT_EQ(launch({{"LD_PRELOAD", CORVELSTOW_RENAME_FAULT}, {"CORVELSTOW_FAIL_RENAMES", name}})
-                .exitCode,
-            0);
+  ASSERT_EQ(
+      launch({{"LD_PRELOAD", CORVELSTOW_RENAME_FAULT}, {"CORVELSTOW_FAIL_RENAMES", name}}).exitCode,
+      0);
   auto result = outcome();
   ASSERT_TRUE(result);
   EXPECT_EQ(result->message, "Could not move aside caf\xef\xbf\xbd");

@@ -5,7 +5,8 @@
 //                                 component, or several: "Previous-new/Library/x") fail (EIO)
 //   CORVELSTOW_KILL_AT_RENAME=N   the process is killed (SIGKILL) as it asks for its Nth rename
 //   CORVELSTOW_SLOW_RENAMES=MS    every rename first waits MS milliseconds
-//   CORVELSTOW_FAIL_MKDIRS=a,b    mkdir of a path ending in a or b fails (ENOSPC), as on a full disk
+//   CORVELSTOW_FAIL_MKDIRS=a,b    mkdir of a path ending in a or b fails (ENOSPC), as on a full
+//   disk
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>

@@ -131,14 +131,19 @@ TEST_F(SwapTest, FailedMovesAreReportedInOrderCappedAtThreeAndLoseNothing) {
     std::string message;
     Domains live;  // the settings afterwards
   } cases[] = {
-      {StowRestoreScope::everything, "Previous-new/Documents/a.txt,Application Support",
+      {StowRestoreScope::everything,
+       "Previous-new/Documents/a.txt,Application Support",
        "Could not move aside a.txt. Could not put back a.txt. "
        "Could not move aside Application Support",
-       {{"com.example.notes", domain("theme", "backup")}, {"group.shared", domain("g", "backup group")}}},
-      {StowRestoreScope::settings, aside + "com.example.notes.plist",
+       {{"com.example.notes", domain("theme", "backup")},
+        {"group.shared", domain("g", "backup group")}}},
+      {StowRestoreScope::settings,
+       aside + "com.example.notes.plist",
        "Could not move aside com.example.notes.plist. Could not put back com.example.notes.plist",
-       {{"com.example.notes", domain("theme", "live")}, {"group.shared", domain("g", "backup group")}}},
-      {StowRestoreScope::settings, aside + "com.live.only.plist",
+       {{"com.example.notes", domain("theme", "live")},
+        {"group.shared", domain("g", "backup group")}}},
+      {StowRestoreScope::settings,
+       aside + "com.live.only.plist",
        "Could not move aside com.live.only.plist",
        {{"com.example.notes", domain("theme", "backup")},
         {"com.live.only", domain("k", "live only")},
