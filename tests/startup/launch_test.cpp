@@ -179,6 +179,11 @@ TEST_P(LaunchScopeTest, ALaunchKilledAtAnyRenameIsFinishedByTheNext) {
   const StowRestoreScope scope = GetParam();
   stage(scope);
   const Tree original = movableFiles(layout.home), backup = movableFiles(layout.staged);
+  // What an older restore kept, which this one replaces.
+  testing::writeFile(layout.previous / "Documents/older.txt", "kept by an older restore");
+  StowStagedRestore older = *readRecord<StowStagedRestore>(layout.stagedRecord);
+  older.manifest.appName = "Before the restore";
+  writeRecord(older, layout.previousRecord);
   const fs::path beforeRestore = folder / "before restore", beforeUndo = folder / "before undo";
   auto save = [&](const fs::path& copy) {
     fs::copy(layout.home, copy, fs::copy_options::recursive);
