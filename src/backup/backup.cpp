@@ -1,10 +1,13 @@
 #include "backup/backup.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <vector>
 
 #include "archive/zip_writer.h"
@@ -34,22 +37,24 @@ struct BackupPlan {
   }
 };
 
-// Walks one top folder. Only its own children are sorted and checked against `excluded`;
-// deeper levels keep the directory's order. Links are never followed nor archived.
-void walk(const fs::path& folder, const std::string& top, const std::set<std::string>& excluded,
+// Walks one top folder of the container. Only its own children are sorted and checked against
+// `excluded`; deeper levels keep the directory's order. Links are never followed nor archived,
+// the top folder included.
+void walk(FolderChain& chain, const std::string& top, const std::set<std::string>& excluded,
           BackupPlan& plan) {
   plan.folders.push_back(top + "/");
-  std::vector<TreeEntry> children = listFolder(folder);
+  chain.moveTo("");  // back at the container
+  if (!enterFolder(chain, top, top)) return;
+  std::vector<TreeEntry> children = listFolder(chain, top);
   std::sort(children.begin(), children.end(),
             [](const TreeEntry& a, const TreeEntry& b) { return a.name < b.name; });
   for (const TreeEntry& child : children) {
     if (excluded.count(child.name)) continue;
-    std::string relative = top + "/" + child.name;
     if (child.kind == TreeEntry::Kind::file) {
-      plan.addFile(relative, child.size);
+      plan.addFile(child.relative, child.size);
     } else if (child.kind == TreeEntry::Kind::folder) {
-      plan.folders.push_back(relative + "/");
-      walkTree(folder / child.name, relative, [&](const TreeEntry& entry) {
+      plan.folders.push_back(child.relative + "/");
+      walkTree(chain, child.name, child.relative, [&](const TreeEntry& entry) {
         if (entry.kind == TreeEntry::Kind::folder) {
           plan.folders.push_back(entry.relative + "/");
         } else if (entry.kind == TreeEntry::Kind::file) {
@@ -76,13 +81,38 @@ StowManifest manifestFor(const StowHostApp& app, const BackupPlan& plan, StowDat
   return manifest;
 }
 
-std::int64_t sizeOf(const fs::path& file) {
-  struct stat info {};
-  return ::stat(file.c_str(), &info) == 0 ? info.st_size : 0;
+[[noreturn]] void throwReplaced(const std::string& relative) {
+  throwFileError(ELOOP,
+                 "Could not back up " + relative + ": it was replaced while the backup ran.");
 }
 
-void writeArchive(StowZipWriter& writer, const fs::path& home, const StowManifest& manifest,
-                  BackupPlan plan, const StowProgress& progress) {
+// Opens a file of the plan through its folders, following no link: a link, or anything but a
+// plain file, put in place of the file or of a folder on its way since the walk is refused.
+UniqueFd openPlanned(FolderChain& chain, const std::string& relative) {
+  const std::size_t slash = relative.rfind('/');
+  UniqueFd file;
+  if (chain.moveTo(std::string_view(relative).substr(0, slash))) {
+    file.reset(::openat(chain.current(), relative.c_str() + slash + 1,
+                        O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  }
+  if (!file) {
+    int code = errno;
+    if (code == ELOOP || code == ENOTDIR) throwReplaced(relative);
+    throwFileError(code, "Could not open " + relative + ": " + std::strerror(code) + ".");
+  }
+  struct stat info {};
+  if (::fstat(file.get(), &info) != 0) throwFileError("read the attributes of", relative);
+  if (!S_ISREG(info.st_mode)) throwReplaced(relative);
+  return file;
+}
+
+std::int64_t sizeOf(int file) {
+  struct stat info {};
+  return ::fstat(file, &info) == 0 ? info.st_size : 0;
+}
+
+void writeArchive(StowZipWriter& writer, FolderChain& chain, const fs::path& home,
+                  const StowManifest& manifest, BackupPlan plan, const StowProgress& progress) {
   writer.add(encodeRecord(manifest), "manifest.json", currentDate());
   writer.addDirectory("container", currentDate());
   for (const auto& folder : plan.folders) {
@@ -91,9 +121,10 @@ void writeArchive(StowZipWriter& writer, const fs::path& home, const StowManifes
   const size_t n = plan.files.size();
   std::int64_t written = 0;
   for (size_t i = 0; i < n; ++i) {
-    const fs::path location = files::join(home, plan.files[i]);
-    writer.addFile(location, std::string(kPrefix) + plan.files[i]);
-    written = checkedAdd(written, sizeOf(location));
+    UniqueFd file = openPlanned(chain, plan.files[i]);
+    writer.addFile(file.get(), files::join(home, plan.files[i]),
+                   std::string(kPrefix) + plan.files[i]);
+    written = checkedAdd(written, sizeOf(file.get()));
     // Every eighth file and the last, so that many small files do not flood the panel.
     if ((i & 7) == 0 || i == n - 1) {
       double fraction = plan.totalBytes > 0
@@ -134,8 +165,9 @@ fs::path backUp(const StowLayout& layout, const StowHostApp& app, bool includeCa
   std::set<std::string> libraryExcluded = excludedLibraryNames();
   if (!includeCaches) libraryExcluded.insert("Caches");
   BackupPlan plan;
-  walk(layout.documents, "Documents", {}, plan);
-  walk(layout.library, "Library", libraryExcluded, plan);
+  FolderChain chain(layout.home);
+  walk(chain, "Documents", {}, plan);
+  walk(chain, "Library", libraryExcluded, plan);
   const StowDate createdAt = currentDate();
   StowManifest manifest = manifestFor(app, plan, createdAt);
 
@@ -146,7 +178,7 @@ fs::path backUp(const StowLayout& layout, const StowHostApp& app, bool includeCa
   {
     StowZipWriter writer(archive);
     ScopeGuard removePartial([&] { ::unlink(archive.c_str()); });
-    writeArchive(writer, layout.home, manifest, std::move(plan), progress);
+    writeArchive(writer, chain, layout.home, manifest, std::move(plan), progress);
     removePartial.cancel();
   }
 

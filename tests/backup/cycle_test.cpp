@@ -1,8 +1,13 @@
 // A whole backup and restore from the command line, across relaunches of the example host.
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <nlohmann/json.hpp>
 
 #include "../startup/container_fixture.h"
+#include "archive/zip_reader.h"
 #include "support/process.h"
 
 namespace corvelstow {
@@ -14,15 +19,21 @@ using testing::runCommand;
 using testing::writeFile;
 using Tree = std::map<std::string, std::string>;
 
-class CycleTest : public testing::ContainerFixture,
+// The command's environment for the fixture's container, with `extra` added.
+class CommandFixture : public testing::ContainerFixture {
+ protected:
+  std::map<std::string, std::string> env(const std::map<std::string, std::string>& extra = {}) {
+    std::map<std::string, std::string> all{{"CORVELSTOW_HOME", layout.home.string()},
+                                           {"CORVELSTOW_BUNDLE", bundle.string()},
+                                           {"TMPDIR", (folder / "tmp").string()}};
+    for (const auto& [name, value] : extra) all[name] = value;
+    return all;
+  }
+};
+
+class CycleTest : public CommandFixture,
                   public ::testing::WithParamInterface<StowRestoreScope> {
  protected:
-  std::map<std::string, std::string> env() {
-    return {{"CORVELSTOW_HOME", layout.home.string()},
-            {"CORVELSTOW_BUNDLE", bundle.string()},
-            {"TMPDIR", (folder / "tmp").string()}};
-  }
-
   Tree documents() { return readTree(layout.documents); }
 };
 
@@ -81,7 +92,154 @@ INSTANTIATE_TEST_SUITE_P(Scopes, CycleTest,
                                            StowRestoreScope::settings),
                          [](const auto& info) { return std::string(rawValue(info.param)); });
 
-class BackupCommandTest : public testing::ContainerFixture {};
+class BackupCommandTest : public CommandFixture {
+ protected:
+  // Data that takes a while to archive and is written in many pieces.
+  void addBulk(int files, std::size_t size) {
+    std::string text;
+    for (std::uint32_t x = 1; text.size() < size; x = x * 1103515245 + 12345) {
+      text += std::to_string(x >> 16) + ' ';
+    }
+    text.resize(size);
+    for (int i = 0; i < files; ++i) writeFile(layout.documents / "Bulk" / std::to_string(i), text);
+  }
+
+  // The names of the finished exports (temporary files are hidden).
+  static std::vector<std::string> exportsIn(const fs::path& exports) {
+    std::vector<std::string> names;
+    for (const auto& [name, kind] : readTree(exports)) {
+      if (name[0] != '.') names.push_back(name);
+    }
+    return names;
+  }
+
+  // Whether `archive` reads whole, every entry checked against its CRC.
+  static bool complete(const fs::path& archive) {
+    try {
+      StowZipReader reader(archive);
+      for (const auto& item : reader.items()) reader.data(item);
+      return !reader.items().empty();
+    } catch (const std::exception&) {
+      return false;
+    }
+  }
+
+  // The error a failed command printed after its progress.
+  static std::string lastLine(const std::string& text) {
+    std::size_t start = text.rfind('\n', text.size() < 2 ? 0 : text.size() - 2);
+    return start == std::string::npos ? text : text.substr(start + 1);
+  }
+
+  static std::string allData(const fs::path& archive) {
+    std::string data;
+    StowZipReader reader(archive);
+    for (const auto& item : reader.items()) data += item.path + "\n" + reader.data(item) + "\n";
+    return data;
+  }
+};
+
+// No link is followed: not Documents itself, nor a file or folder replaced by one while the
+// backup runs. The outside folder holds a secret.
+TEST_F(BackupCommandTest, NoLinkIsFollowed) {
+  const fs::path outside = folder / "outside";
+  writeFile(outside / "x.txt", "secret");
+  writeFile(outside / "old.txt", "secret");
+  fs::create_directories(folder / "tmp");
+  struct Case {
+    std::string replaced;
+    fs::path target;
+    bool whileRunning;
+    std::string error;
+  };
+  const std::vector<Case> cases{
+      {"Documents", outside, false, ""},
+      {"Documents/old.txt", outside / "x.txt", true,
+       "Could not back up Documents/old.txt: it was replaced while the backup ran.\n"},
+      {"Documents/Folder", outside, true,
+       "Could not back up Documents/Folder/x.txt: it was replaced while the backup ran.\n"},
+  };
+  for (const Case& test : cases) {
+    SCOPED_TRACE(test.replaced);
+    const fs::path replaced = layout.home / test.replaced;
+    std::map<std::string, std::string> extra;
+    if (test.whileRunning) {
+      // Just after the walk, as the archive is first written to.
+      extra = {{"LD_PRELOAD", CORVELSTOW_FILE_FAULT}, {"CORVELSTOW_RELINK_AT_CHANGE", "1"},
+               {"CORVELSTOW_RELINK", replaced.string()},
+               {"CORVELSTOW_RELINK_TARGET", test.target.string()}};
+    } else {
+      fs::rename(replaced, replaced.string() + ".replaced");
+      fs::create_directory_symlink(test.target, replaced);
+    }
+    auto run = runCommand({"--json", "backup"}, env(extra));
+    EXPECT_EQ(run.exitCode == 0 ? "" : lastLine(run.err), test.error);
+    if (test.error.empty()) {
+      auto printed = nlohmann::json::parse(run.out);
+      std::string data = allData(printed["archive"].get<std::string>());
+      EXPECT_EQ(data.find("secret"), std::string::npos);
+      EXPECT_NE(data.find("container/Documents/\n"), std::string::npos);
+      auto usage = nlohmann::json::parse(runCommand({"--json", "usage"}, env()).out);
+      EXPECT_EQ(usage["documentsBytes"], 0);
+    } else {
+      EXPECT_EQ(run.exitCode, 1);
+      EXPECT_TRUE(exportsIn(layout.exports).empty());
+    }
+    fs::remove(replaced);
+    fs::rename(replaced.string() + ".replaced", replaced);
+    for (const std::string& name : exportsIn(layout.exports)) fs::remove(layout.exports / name);
+  }
+}
+
+// The walk holds a few descriptors however deep the tree; a folder it may not read is passed
+// over, one it cannot open for another reason stops the backup, naming it.
+TEST_F(BackupCommandTest, DeepTreesAreWhollyBackedUpAndUnopenableFoldersNamed) {
+  fs::create_directories(folder / "tmp");
+  std::string deep = "Documents";
+  for (int level = 0; level < 300; ++level) deep += "/d";
+  writeFile(layout.home / deep / "bottom.txt", "at the bottom");
+  // Reached once the descriptors of the folders above were given back.
+  writeFile(layout.documents / "e/after.txt", "after the deep tree");
+  auto limited = [&](const std::string& command) {
+    return testing::runProcess(
+        {"sh", "-c", "ulimit -n 64 && exec \"$0\" --json " + command, CORVELSTOW_COMMAND}, env());
+  };
+  auto backup = limited("backup");
+  ASSERT_EQ(backup.exitCode, 0) << backup.err;
+  auto printed = nlohmann::json::parse(backup.out);
+  EXPECT_EQ(printed["manifest"]["fileCount"], 9);
+  const std::string data = allData(printed["archive"].get<std::string>());
+  EXPECT_NE(data.find("container/" + deep + "/bottom.txt\nat the bottom"), std::string::npos);
+  EXPECT_NE(data.find("container/Documents/e/after.txt\nafter the deep tree"), std::string::npos);
+  auto usage = limited("usage");
+  ASSERT_EQ(usage.exitCode, 0) << usage.err;
+  EXPECT_EQ(nlohmann::json::parse(usage.out)["files"], 9);
+
+  struct Case {
+    int code;
+    std::string error;
+  };
+  const std::vector<Case> cases{
+      {EACCES, ""},
+      {EIO, "Could not open the folder Documents/Folder: Input/output error.\n"},
+  };
+  for (const Case& test : cases) {
+    SCOPED_TRACE(test.code);
+    auto fault = env({{"LD_PRELOAD", CORVELSTOW_FILE_FAULT}, {"CORVELSTOW_FAIL_OPEN", "Folder"},
+                      {"CORVELSTOW_FAIL_OPEN_ERRNO", std::to_string(test.code)}});
+    auto run = runCommand({"--json", "backup"}, fault);
+    EXPECT_EQ(run.exitCode == 0 ? "" : lastLine(run.err), test.error);
+    EXPECT_EQ(run.exitCode, test.error.empty() ? 0 : 1);
+    if (test.error.empty()) {
+      std::string data = allData(nlohmann::json::parse(run.out)["archive"].get<std::string>());
+      EXPECT_NE(data.find("container/Documents/Folder/\n"), std::string::npos);
+      EXPECT_EQ(data.find("Folder/x.txt"), std::string::npos);
+    }
+    // The survey never fails: it counts what it can read.
+    auto survey = runCommand({"--json", "usage"}, fault);
+    ASSERT_EQ(survey.exitCode, 0) << survey.err;
+    EXPECT_EQ(nlohmann::json::parse(survey.out)["files"], 8);
+  }
+}
 
 // The format is shared with another app: a backup written by other code restores here, its
 // settings renamed to this app's identifier.
