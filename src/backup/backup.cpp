@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <functional>
+#include <optional>
 #include <vector>
 
 #include "archive/zip_writer.h"
@@ -17,6 +19,7 @@
 #include "base/files.h"
 #include "base/scope_guard.h"
 #include "platform/platform.h"
+#include "store/container_lock.h"
 #include "store/records.h"
 
 namespace corvelstow {
@@ -138,6 +141,65 @@ void writeArchive(StowZipWriter& writer, FolderChain& chain, const fs::path& hom
   writer.finish();
 }
 
+// Held for the whole backup, so that no restore or undo changes the data while it is read and
+// no second backup replaces the export being written. Only another holder stops the backup: a
+// container whose work folder cannot be written (one given read-only) is backed up without it.
+std::optional<StowContainerLock> lockFor(const StowLayout& layout) {
+  try {
+    return StowContainerLock::acquire(layout);
+  } catch (const StowFileError& error) {
+    if (error.code() == EWOULDBLOCK) throw;
+    return std::nullopt;
+  }
+}
+
+// Makes `folder` (whose parent exists) this user's own, which only they can open. A link, or a
+// folder of another user's, is refused rather than written into.
+void makePrivateFolder(const fs::path& folder) {
+  if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
+    throwFileError("create the folder", folder);
+  }
+  struct stat info {};
+  if (::lstat(folder.c_str(), &info) != 0) throwFileError("create the folder", folder);
+  if (!S_ISDIR(info.st_mode) || info.st_uid != ::geteuid()) {
+    throwFileError(EPERM, "Could not use the folder " + folder.filename().string() +
+                              ": it is a link or belongs to another user.");
+  }
+  if ((info.st_mode & 077) != 0 && ::chmod(folder.c_str(), 0700) != 0) {
+    throwFileError("protect the folder", folder);
+  }
+}
+
+// The exports folder and "CorvelStow Exports" above it are private; the temporary folder is
+// made when it is missing, as it is.
+void prepareExports(const fs::path& exports) {
+  const fs::path temporary = exports.parent_path().parent_path();
+  if (!files::createFolders(temporary)) throwFileError("create the folder", temporary);
+  makePrivateFolder(exports.parent_path());
+  makePrivateFolder(exports);
+}
+
+// Writes `archive` under a hidden name beside it and renames it into place once finished, so
+// that its name never holds a partial archive. A failure leaves nothing behind.
+void writeWhenDone(const fs::path& archive, const std::function<void(StowZipWriter&)>& write) {
+  std::string partial = archive.parent_path() / ("." + archive.filename().string() + ".XXXXXX");
+  if (UniqueFd created(::mkstemp(partial.data())); !created) throwFileError("create", archive);
+  ScopeGuard removePartial([&] { ::unlink(partial.c_str()); });
+  StowZipWriter writer(partial);
+  write(writer);
+  if (::rename(partial.c_str(), archive.c_str()) != 0) throwFileError("save", archive);
+  removePartial.cancel();
+}
+
+// Only the newest export is kept: the older ones, and what an interrupted backup left, go once
+// `archive` is in place.
+void removeOtherExports(const fs::path& archive) {
+  const fs::path exports = archive.parent_path();
+  for (const std::string& name : files::listNames(exports)) {
+    if (name != archive.filename()) ::unlink((exports / name).c_str());
+  }
+}
+
 }  // namespace
 
 std::string exportFileName(std::string_view appName, StowDate createdAt) {
@@ -158,6 +220,7 @@ std::string exportFileName(std::string_view appName, StowDate createdAt) {
 
 fs::path backUp(const StowLayout& layout, const StowHostApp& app, bool includeCaches,
                 const StowProgress& progress) {
+  const std::optional<StowContainerLock> lock = lockFor(layout);
   // Settings reach Library/Preferences only when the store has written them out.
   platform::PreferencesStore(layout.preferences).synchronize();
   progress(0.0, "Looking through the app's data");
@@ -171,16 +234,12 @@ fs::path backUp(const StowLayout& layout, const StowHostApp& app, bool includeCa
   const StowDate createdAt = currentDate();
   StowManifest manifest = manifestFor(app, plan, createdAt);
 
-  // Only the newest export is kept.
-  files::removeAll(layout.exports);
-  if (!files::createFolders(layout.exports)) throwFileError("create the folder", layout.exports);
-  fs::path archive = layout.exports / exportFileName(app.name, createdAt);
-  {
-    StowZipWriter writer(archive);
-    ScopeGuard removePartial([&] { ::unlink(archive.c_str()); });
+  prepareExports(layout.exports);
+  const fs::path archive = layout.exports / exportFileName(app.name, createdAt);
+  writeWhenDone(archive, [&](StowZipWriter& writer) {
     writeArchive(writer, chain, layout.home, manifest, std::move(plan), progress);
-    removePartial.cancel();
-  }
+  });
+  removeOtherExports(archive);
 
   StowSettings settings = loadSettings(layout);
   settings.lastBackupAt = createdAt;

@@ -8,6 +8,7 @@
 
 #include "../startup/container_fixture.h"
 #include "archive/zip_reader.h"
+#include "store/container_lock.h"
 #include "support/process.h"
 
 namespace corvelstow {
@@ -137,6 +138,97 @@ class BackupCommandTest : public CommandFixture {
     return data;
   }
 };
+
+// The second starts while the first writes; it waits for the first, or gives up with a sentence.
+TEST_F(BackupCommandTest, TwoBackupsAtOnceEachFinishOrAreToldTheOtherRuns) {
+  addBulk(24, 500 << 10);
+  fs::create_directories(folder / "tmp");
+  const std::string script = R"(
+for one in 1 2; do
+  ("$0" --json backup >"$1/out$one" 2>"$1/err$one"; echo $? >"$1/code$one") &
+  sleep 0.2
+done
+wait)";
+  auto both = testing::runProcess({"sh", "-c", script, CORVELSTOW_COMMAND, folder.path()}, env());
+  ASSERT_EQ(both.exitCode, 0);
+  int finished = 0;
+  for (std::string one : {"1", "2"}) {
+    if (readFile(folder / ("code" + one)) == "0\n") {
+      ++finished;
+      auto printed = nlohmann::json::parse(readFile(folder / ("out" + one)));
+      EXPECT_TRUE(complete(printed["archive"].get<std::string>()));
+    } else {
+      EXPECT_EQ(lastLine(readFile(folder / ("err" + one))),
+                std::string(StowContainerLock::kBusyText) + "\n");
+    }
+  }
+  EXPECT_GE(finished, 1);
+}
+
+// Each container has its own exports folder, which only its user can read.
+TEST_F(BackupCommandTest, ExportsArePerContainerAndPrivate) {
+  fs::create_directories(folder / "tmp");
+  fs::create_directories(folder / "other");
+  fs::copy(layout.home, folder / "other/home", fs::copy_options::recursive);
+  auto first = runCommand({"backup"}, env());
+  ASSERT_EQ(first.exitCode, 0) << first.err;
+  const fs::path archive = first.out.substr(0, first.out.find('\n'));
+  const std::string archived = readFile(archive);
+  std::string otherApp = readFile(bundle / "Info.plist");
+  otherApp.replace(otherApp.find(">Notes<"), 7, ">Other<");
+  writeFile(folder / "Other.app/Info.plist", otherApp);
+  auto second =
+      runCommand({"backup"}, env({{"CORVELSTOW_HOME", (folder / "other/home").string()},
+                                  {"CORVELSTOW_BUNDLE", (folder / "Other.app").string()}}));
+  ASSERT_EQ(second.exitCode, 0) << second.err;
+
+  EXPECT_EQ(archive.parent_path(), layout.exports);
+  EXPECT_TRUE(readFile(archive) == archived);  // the other container's backup left it alone
+  EXPECT_NE(fs::path(second.out.substr(0, second.out.find('\n'))).parent_path(), layout.exports);
+  EXPECT_EQ(layout.exports.filename().string().substr(0, 5), "home-");
+  auto mode = [](const fs::path& path) {
+    struct stat info {};
+    ::lstat(path.c_str(), &info);
+    return info.st_mode & 07777;
+  };
+  EXPECT_EQ(mode(archive), 0600u);
+  EXPECT_EQ(mode(layout.exports), 0700u);
+  EXPECT_EQ(mode(layout.exports.parent_path()), 0700u);
+}
+
+// Killed at each change it makes to a file, a backup leaves the previous export as it was, or a
+// complete new one, and never a partial file under an export's name.
+TEST_F(BackupCommandTest, AKilledBackupLosesNoExport) {
+  fs::create_directories(folder / "tmp");
+  auto good = runCommand({"backup"}, env());
+  ASSERT_EQ(good.exitCode, 0) << good.err;
+  const fs::path previous = layout.exports / "Notes 2020-01-01 0000.corvelappdata";
+  fs::rename(good.out.substr(0, good.out.find('\n')), previous);
+  const std::string previousBytes = readFile(previous);
+
+  int kills = 0;
+  for (int at = 1; at < 1000; ++at) {
+    auto run = runCommand({"backup"}, env({{"LD_PRELOAD", CORVELSTOW_FILE_FAULT},
+                                           {"CORVELSTOW_KILL_AT_CHANGE", std::to_string(at)}}));
+    if (run.exitCode == 0) break;  // it made fewer changes than that
+    ASSERT_EQ(run.exitCode, 128 + SIGKILL) << run.err;
+    ++kills;
+    bool newer = false;
+    for (const std::string& name : exportsIn(layout.exports)) {
+      EXPECT_TRUE(complete(layout.exports / name)) << name << " after change " << at;
+      newer |= name != previous.filename();
+    }
+    if (!newer) {
+      EXPECT_EQ(readFile(previous), previousBytes) << "after change " << at;
+    }
+    // Back to where the next run starts: the previous export alone.
+    for (const auto& entry : fs::directory_iterator(layout.exports)) {
+      if (entry.path() != previous) fs::remove(entry.path());
+    }
+    if (!fs::exists(previous)) writeFile(previous, previousBytes);
+  }
+  EXPECT_GE(kills, 20);
+}
 
 // No link is followed: not Documents itself, nor a file or folder replaced by one while the
 // backup runs. The outside folder holds a secret.
