@@ -95,16 +95,6 @@ INSTANTIATE_TEST_SUITE_P(Scopes, CycleTest,
 
 class BackupCommandTest : public CommandFixture {
  protected:
-  // Data that takes a while to archive and is written in many pieces.
-  void addBulk(int files, std::size_t size) {
-    std::string text;
-    for (std::uint32_t x = 1; text.size() < size; x = x * 1103515245 + 12345) {
-      text += std::to_string(x >> 16) + ' ';
-    }
-    text.resize(size);
-    for (int i = 0; i < files; ++i) writeFile(layout.documents / "Bulk" / std::to_string(i), text);
-  }
-
   // The names of the finished exports (temporary files are hidden).
   static std::vector<std::string> exportsIn(const fs::path& exports) {
     std::vector<std::string> names;
@@ -114,34 +104,36 @@ class BackupCommandTest : public CommandFixture {
     return names;
   }
 
-  // Whether `archive` reads whole, every entry checked against its CRC.
-  static bool complete(const fs::path& archive) {
-    try {
-      StowZipReader reader(archive);
-      for (const auto& item : reader.items()) reader.data(item);
-      return !reader.items().empty();
-    } catch (const std::exception&) {
-      return false;
-    }
-  }
-
   // The error a failed command printed after its progress.
   static std::string lastLine(const std::string& text) {
     std::size_t start = text.rfind('\n', text.size() < 2 ? 0 : text.size() - 2);
     return start == std::string::npos ? text : text.substr(start + 1);
   }
 
+  // Every entry's name and data, each checked against its CRC.
   static std::string allData(const fs::path& archive) {
     std::string data;
     StowZipReader reader(archive);
     for (const auto& item : reader.items()) data += item.path + "\n" + reader.data(item) + "\n";
     return data;
   }
+
+  static bool complete(const fs::path& archive) {
+    try {
+      return !allData(archive).empty();
+    } catch (const std::exception&) {
+      return false;
+    }
+  }
 };
 
 // The second starts while the first writes; it waits for the first, or gives up with a sentence.
 TEST_F(BackupCommandTest, TwoBackupsAtOnceEachFinishOrAreToldTheOtherRuns) {
-  addBulk(24, 500 << 10);
+  std::string text;  // that takes a while to compress
+  for (std::uint32_t x = 1; text.size() < (500 << 10); x = x * 1103515245 + 12345) {
+    text += std::to_string(x >> 16) + ' ';
+  }
+  for (int i = 0; i < 24; ++i) writeFile(layout.documents / "Bulk" / std::to_string(i), text);
   fs::create_directories(folder / "tmp");
   const std::string script = R"(
 for one in 1 2; do
@@ -185,7 +177,6 @@ TEST_F(BackupCommandTest, ExportsArePerContainerAndPrivate) {
   EXPECT_EQ(archive.parent_path(), layout.exports);
   EXPECT_TRUE(readFile(archive) == archived);  // the other container's backup left it alone
   EXPECT_NE(fs::path(second.out.substr(0, second.out.find('\n'))).parent_path(), layout.exports);
-  EXPECT_EQ(layout.exports.filename().string().substr(0, 5), "home-");
   auto mode = [](const fs::path& path) {
     struct stat info {};
     ::lstat(path.c_str(), &info);
