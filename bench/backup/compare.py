@@ -83,7 +83,9 @@ def bench(scale, args):
 
     # Backup
     seconds, rss = best(args.runs, clear(exports), [command, "backup", "--include-caches"], env=env)
-    archive = os.path.join(exports, os.listdir(exports)[0])
+    # The one export, in the container's own folder inside the exports folder.
+    archive = next(os.path.join(folder, name) for folder, _, names in os.walk(exports)
+                   for name in names)
     ours = os.path.join(out, "corvelstow.zip")
     shutil.move(archive, ours)
     report("corvelstow backup", seconds, rss, os.path.getsize(ours), data)

@@ -88,8 +88,14 @@ void StowZipWriter::addDirectory(std::string_view name, StowDate date) {
 }
 
 void StowZipWriter::addFile(const fs::path& file, std::string_view name) {
+  UniqueFd source(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+  if (!source) throwFileError("open", file);
+  addFile(source.get(), file, name);
+}
+
+void StowZipWriter::addFile(int source, const fs::path& file, std::string_view name) {
   struct stat info {};
-  if (::stat(file.c_str(), &info) != 0) throwFileError("read the attributes of", file);
+  if (::fstat(source, &info) != 0) throwFileError("read the attributes of", file);
   const auto size = static_cast<std::uint64_t>(info.st_size);
   if (size > kLastOffset) throw StowZipError::tooLarge(std::string(name));
   const StowDate date{std::chrono::seconds(info.st_mtime)};
@@ -100,8 +106,6 @@ void StowZipWriter::addFile(const fs::path& file, std::string_view name) {
 
   Written entry = newEntry(name, date);
   checkStart(name);
-  UniqueFd source(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!source) throwFileError("open", file);
   entry.method = zip::kMethodDeflated;
   entry.flags = zip::kFlagUtf8 | zip::kFlagDataDescriptor;
   entry.offset = static_cast<std::uint32_t>(offset_);
@@ -128,7 +132,7 @@ void StowZipWriter::addFile(const fs::path& file, std::string_view name) {
     }
   };
   while (!failure) {
-    ssize_t count = ::read(source.get(), readBuffer_.get(), kReadPieceSize);
+    ssize_t count = ::read(source, readBuffer_.get(), kReadPieceSize);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) throwFileError("read", file);
     if (count == 0) break;

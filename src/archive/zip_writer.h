@@ -50,10 +50,15 @@ class StowZipWriter {
   void addDirectory(std::string_view name, StowDate date);
 
   /// Adds the file at `file`, deflated, read in 1 MiB pieces, its CRC and sizes in a data
-  /// descriptor after the data. Its size and modification time come from the file's status; an
+  /// descriptor after the data. The file is opened without following a link (a link there is
+  /// refused: ELOOP); its size and modification time come from the opened file's status; an
   /// empty file becomes a stored entry. Throws tooLarge(name) for a file of 4 GiB − 1 bytes or
   /// more (before anything is written) or compressed data that large.
   void addFile(const std::filesystem::path& file, std::string_view name);
+
+  /// The same for a file already open as `source`, read from where it stands; `file` names it
+  /// in error sentences.
+  void addFile(int source, const std::filesystem::path& file, std::string_view name);
 
   /// Writes the central directory and the end record and flushes the file to storage. Throws
   /// tooLarge("the archive") when the directory would start past 4 GiB − 2, and

@@ -1,10 +1,15 @@
 #include "backup/backup.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <functional>
+#include <optional>
 #include <vector>
 
 #include "archive/zip_writer.h"
@@ -14,6 +19,7 @@
 #include "base/files.h"
 #include "base/scope_guard.h"
 #include "platform/platform.h"
+#include "store/container_lock.h"
 #include "store/records.h"
 
 namespace corvelstow {
@@ -34,22 +40,24 @@ struct BackupPlan {
   }
 };
 
-// Walks one top folder. Only its own children are sorted and checked against `excluded`;
-// deeper levels keep the directory's order. Links are never followed nor archived.
-void walk(const fs::path& folder, const std::string& top, const std::set<std::string>& excluded,
+// Walks one top folder of the container. Only its own children are sorted and checked against
+// `excluded`; deeper levels keep the directory's order. Links are never followed nor archived,
+// the top folder included.
+void walk(FolderChain& chain, const std::string& top, const std::set<std::string>& excluded,
           BackupPlan& plan) {
   plan.folders.push_back(top + "/");
-  std::vector<TreeEntry> children = listFolder(folder);
+  chain.moveTo("");  // back at the container
+  if (!enterFolder(chain, top, top)) return;
+  std::vector<TreeEntry> children = listFolder(chain, top);
   std::sort(children.begin(), children.end(),
             [](const TreeEntry& a, const TreeEntry& b) { return a.name < b.name; });
   for (const TreeEntry& child : children) {
     if (excluded.count(child.name)) continue;
-    std::string relative = top + "/" + child.name;
     if (child.kind == TreeEntry::Kind::file) {
-      plan.addFile(relative, child.size);
+      plan.addFile(child.relative, child.size);
     } else if (child.kind == TreeEntry::Kind::folder) {
-      plan.folders.push_back(relative + "/");
-      walkTree(folder / child.name, relative, [&](const TreeEntry& entry) {
+      plan.folders.push_back(child.relative + "/");
+      walkTree(chain, child.name, child.relative, [&](const TreeEntry& entry) {
         if (entry.kind == TreeEntry::Kind::folder) {
           plan.folders.push_back(entry.relative + "/");
         } else if (entry.kind == TreeEntry::Kind::file) {
@@ -76,13 +84,38 @@ StowManifest manifestFor(const StowHostApp& app, const BackupPlan& plan, StowDat
   return manifest;
 }
 
-std::int64_t sizeOf(const fs::path& file) {
-  struct stat info {};
-  return ::stat(file.c_str(), &info) == 0 ? info.st_size : 0;
+[[noreturn]] void throwReplaced(const std::string& relative) {
+  throwFileError(ELOOP,
+                 "Could not back up " + relative + ": it was replaced while the backup ran.");
 }
 
-void writeArchive(StowZipWriter& writer, const fs::path& home, const StowManifest& manifest,
-                  BackupPlan plan, const StowProgress& progress) {
+// Opens a file of the plan through its folders, following no link: a link, or anything but a
+// plain file, put in place of the file or of a folder on its way since the walk is refused.
+UniqueFd openPlanned(FolderChain& chain, const std::string& relative) {
+  const std::size_t slash = relative.rfind('/');
+  UniqueFd file;
+  if (chain.moveTo(std::string_view(relative).substr(0, slash))) {
+    file.reset(::openat(chain.current(), relative.c_str() + slash + 1,
+                        O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  }
+  if (!file) {
+    int code = errno;
+    if (code == ELOOP || code == ENOTDIR) throwReplaced(relative);
+    throwFileError(code, "Could not open " + relative + ": " + std::strerror(code) + ".");
+  }
+  struct stat info {};
+  if (::fstat(file.get(), &info) != 0) throwFileError("read the attributes of", relative);
+  if (!S_ISREG(info.st_mode)) throwReplaced(relative);
+  return file;
+}
+
+std::int64_t sizeOf(int file) {
+  struct stat info {};
+  return ::fstat(file, &info) == 0 ? info.st_size : 0;
+}
+
+void writeArchive(StowZipWriter& writer, FolderChain& chain, const fs::path& home,
+                  const StowManifest& manifest, BackupPlan plan, const StowProgress& progress) {
   writer.add(encodeRecord(manifest), "manifest.json", currentDate());
   writer.addDirectory("container", currentDate());
   for (const auto& folder : plan.folders) {
@@ -91,9 +124,10 @@ void writeArchive(StowZipWriter& writer, const fs::path& home, const StowManifes
   const size_t n = plan.files.size();
   std::int64_t written = 0;
   for (size_t i = 0; i < n; ++i) {
-    const fs::path location = files::join(home, plan.files[i]);
-    writer.addFile(location, std::string(kPrefix) + plan.files[i]);
-    written = checkedAdd(written, sizeOf(location));
+    UniqueFd file = openPlanned(chain, plan.files[i]);
+    writer.addFile(file.get(), files::join(home, plan.files[i]),
+                   std::string(kPrefix) + plan.files[i]);
+    written = checkedAdd(written, sizeOf(file.get()));
     // Every eighth file and the last, so that many small files do not flood the panel.
     if ((i & 7) == 0 || i == n - 1) {
       double fraction = plan.totalBytes > 0
@@ -105,6 +139,65 @@ void writeArchive(StowZipWriter& writer, const fs::path& home, const StowManifes
   // The central directory is built in memory next: give back the file list first.
   plan = BackupPlan();
   writer.finish();
+}
+
+// Held for the whole backup, so that no restore or undo changes the data while it is read and
+// no second backup replaces the export being written. Only another holder stops the backup: a
+// container whose work folder cannot be written (one given read-only) is backed up without it.
+std::optional<StowContainerLock> lockFor(const StowLayout& layout) {
+  try {
+    return StowContainerLock::acquire(layout);
+  } catch (const StowFileError& error) {
+    if (error.code() == EWOULDBLOCK) throw;
+    return std::nullopt;
+  }
+}
+
+// Makes `folder` (whose parent exists) this user's own, which only they can open. A link, or a
+// folder of another user's, is refused rather than written into.
+void makePrivateFolder(const fs::path& folder) {
+  if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
+    throwFileError("create the folder", folder);
+  }
+  struct stat info {};
+  if (::lstat(folder.c_str(), &info) != 0) throwFileError("create the folder", folder);
+  if (!S_ISDIR(info.st_mode) || info.st_uid != ::geteuid()) {
+    throwFileError(EPERM, "Could not use the folder " + folder.filename().string() +
+                              ": it is a link or belongs to another user.");
+  }
+  if ((info.st_mode & 077) != 0 && ::chmod(folder.c_str(), 0700) != 0) {
+    throwFileError("protect the folder", folder);
+  }
+}
+
+// The exports folder and "CorvelStow Exports" above it are private; the temporary folder is
+// made when it is missing, as it is.
+void prepareExports(const fs::path& exports) {
+  const fs::path temporary = exports.parent_path().parent_path();
+  if (!files::createFolders(temporary)) throwFileError("create the folder", temporary);
+  makePrivateFolder(exports.parent_path());
+  makePrivateFolder(exports);
+}
+
+// Writes `archive` under a hidden name beside it and renames it into place once finished, so
+// that its name never holds a partial archive. A failure leaves nothing behind.
+void writeWhenDone(const fs::path& archive, const std::function<void(StowZipWriter&)>& write) {
+  std::string partial = archive.parent_path() / ("." + archive.filename().string() + ".XXXXXX");
+  if (UniqueFd created(::mkstemp(partial.data())); !created) throwFileError("create", archive);
+  ScopeGuard removePartial([&] { ::unlink(partial.c_str()); });
+  StowZipWriter writer(partial);
+  write(writer);
+  if (::rename(partial.c_str(), archive.c_str()) != 0) throwFileError("save", archive);
+  removePartial.cancel();
+}
+
+// Only the newest export is kept: the older ones, and what an interrupted backup left, go once
+// `archive` is in place.
+void removeOtherExports(const fs::path& archive) {
+  const fs::path exports = archive.parent_path();
+  for (const std::string& name : files::listNames(exports)) {
+    if (name != archive.filename()) ::unlink((exports / name).c_str());
+  }
 }
 
 }  // namespace
@@ -127,6 +220,7 @@ std::string exportFileName(std::string_view appName, StowDate createdAt) {
 
 fs::path backUp(const StowLayout& layout, const StowHostApp& app, bool includeCaches,
                 const StowProgress& progress) {
+  const std::optional<StowContainerLock> lock = lockFor(layout);
   // Settings reach Library/Preferences only when the store has written them out.
   platform::PreferencesStore(layout.preferences).synchronize();
   progress(0.0, "Looking through the app's data");
@@ -134,21 +228,18 @@ fs::path backUp(const StowLayout& layout, const StowHostApp& app, bool includeCa
   std::set<std::string> libraryExcluded = excludedLibraryNames();
   if (!includeCaches) libraryExcluded.insert("Caches");
   BackupPlan plan;
-  walk(layout.documents, "Documents", {}, plan);
-  walk(layout.library, "Library", libraryExcluded, plan);
+  FolderChain chain(layout.home);
+  walk(chain, "Documents", {}, plan);
+  walk(chain, "Library", libraryExcluded, plan);
   const StowDate createdAt = currentDate();
   StowManifest manifest = manifestFor(app, plan, createdAt);
 
-  // Only the newest export is kept.
-  files::removeAll(layout.exports);
-  if (!files::createFolders(layout.exports)) throwFileError("create the folder", layout.exports);
-  fs::path archive = layout.exports / exportFileName(app.name, createdAt);
-  {
-    StowZipWriter writer(archive);
-    ScopeGuard removePartial([&] { ::unlink(archive.c_str()); });
-    writeArchive(writer, layout.home, manifest, std::move(plan), progress);
-    removePartial.cancel();
-  }
+  prepareExports(layout.exports);
+  const fs::path archive = layout.exports / exportFileName(app.name, createdAt);
+  writeWhenDone(archive, [&](StowZipWriter& writer) {
+    writeArchive(writer, chain, layout.home, manifest, std::move(plan), progress);
+  });
+  removeOtherExports(archive);
 
   StowSettings settings = loadSettings(layout);
   settings.lastBackupAt = createdAt;

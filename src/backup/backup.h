@@ -15,10 +15,13 @@ namespace corvelstow {
 inline constexpr std::string_view kBackupExtension = "corvelappdata";
 
 /// Writes the container's Documents and Library (Library/Caches only with `includeCaches`)
-/// into a new ".corvelappdata" archive in the exports folder, which is emptied first, and
-/// stamps lastBackupAt in the settings once the archive is finished. Returns the archive.
-/// Throws StowZipError or StowFileError; a failed backup leaves no archive behind and the
-/// settings as they were.
+/// into a new ".corvelappdata" archive in the container's exports folder, which then holds it
+/// alone, and stamps lastBackupAt in the settings once the archive is finished. Returns the
+/// archive. No link is followed. Holds the container's lock throughout. Throws StowZipError or
+/// StowFileError: the lock's busy sentence while another operation holds it, a sentence naming
+/// a folder that cannot be opened (other than for permission, which leaves it out) or a file
+/// replaced while the backup ran. A failed or interrupted backup leaves the previous export,
+/// nothing under the new archive's name, and the settings as they were.
 fs::path backUp(const StowLayout& layout, const StowHostApp& app, bool includeCaches,
                 const StowProgress& progress);
 

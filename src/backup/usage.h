@@ -29,9 +29,11 @@ struct StowFolderSize {
 /// read counts as nothing.
 StowUsage surveyUsage(const StowLayout& layout);
 
-/// The logical size and number of files below `folder`, passing over the top-level names in
-/// `excluded`. At the top level every non-folder counts as a file (links included); below it,
-/// only regular files count.
-StowFolderSize measureFolder(const fs::path& folder, const std::set<std::string>& excluded);
+/// The logical size and number of files below the folder `relative` of the container `home`
+/// ("Documents", "Library/Caches"), passing over the top-level names in `excluded`. At the top
+/// level every non-folder counts as a file (links included); below it, only regular files count.
+/// No link is followed, the folder itself included; what cannot be read counts as nothing.
+StowFolderSize measureFolder(const fs::path& home, const std::string& relative,
+                             const std::set<std::string>& excluded);
 
 }  // namespace corvelstow

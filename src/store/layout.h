@@ -27,7 +27,8 @@ struct StowLayout {
   fs::path outcomeRecord;   ///< work folder/outcome.json
   fs::path undoRequest;     ///< work folder/undo.request
   fs::path lockFile;        ///< work folder/operation.lock, see StowContainerLock
-  fs::path exports;         ///< temporary folder/CorvelStow Exports
+  fs::path exports;         ///< temporary folder/CorvelStow Exports/{container}-{hash}: this
+                            ///< container's own, named for its folder and a hash of its real path
 
   /// The layout of the container `home` with the temporary folder `temporary`.
   static StowLayout forRoots(const fs::path& home, const fs::path& temporary);

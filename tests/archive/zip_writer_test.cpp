@@ -142,7 +142,10 @@ TEST(ZipWriterTest, ReportsWhatItCannotCreateReadOrWrite) {
 
   StowZipWriter writer(folder / "x.zip");
   EXPECT_EQ(failure([&] { writer.addFile(folder / "absent.txt", "absent.txt"); }),
-            "file error: Could not read the attributes of absent.txt: No such file or directory.");
+            "file error: Could not open absent.txt: No such file or directory.");
+  std::filesystem::create_symlink("x.zip", folder / "link");  // never read through
+  EXPECT_EQ(failure([&] { writer.addFile(folder / "link", "link"); }),
+            "file error: Could not open link: Too many levels of symbolic links.");
   EXPECT_THROW(writer.add("x", std::string(65536, 'n'), sampleDate()), std::length_error);
   EXPECT_EQ(writer.offset(), 0u);
   writer.add("x", std::string(65535, 'n'), sampleDate());

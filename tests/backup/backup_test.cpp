@@ -151,12 +151,34 @@ TEST_F(BackupTest, ExportNamesDropUnsafeCharactersAndUseLocalTime) {
   ::tzset();
 }
 
-TEST_F(BackupTest, AFailedBackupLeavesNoArchiveAndNoStamp) {
+// A failed backup leaves the previous export as it was, nothing under a new name, and the stamp.
+TEST_F(BackupTest, AFailedBackupLeavesThePreviousExportAndNoStamp) {
   writeFile(layout.documents / "a.txt", "a");
+  writeFile(layout.documents / "b.txt", "b");
+  const fs::path previous = backUp();
+  const std::string previousBytes = testing::readFile(previous);
+  const auto stamp = loadSettings(layout).lastBackupAt;
+  // b.txt goes while a.txt is archived.
+  auto failure = [&] {
+    try {
+      corvelstow::backUp(layout, app, false, [&](double, const std::string& detail) {
+        if (detail == "1 of 2 files") fs::remove(layout.documents / "b.txt");
+      });
+    } catch (const StowFileError& error) {
+      return std::string(error.what());
+    }
+    return std::string("no failure");
+  };
+  EXPECT_EQ(failure(), "Could not open Documents/b.txt: No such file or directory.");
+  EXPECT_EQ(testing::readTree(layout.exports),
+            (std::map<std::string, std::string>{{previous.filename(), previousBytes}}));
+  EXPECT_EQ(loadSettings(layout).lastBackupAt, stamp);
+
   // The exports folder cannot be made where a file stands in its way.
+  fs::remove_all(folder / "tmp");
   writeFile(folder / "tmp", "not a folder");
   EXPECT_THROW(backUp(), StowFileError);
-  EXPECT_FALSE(loadSettings(layout).lastBackupAt);
+  EXPECT_EQ(loadSettings(layout).lastBackupAt, stamp);
 }
 
 }  // namespace

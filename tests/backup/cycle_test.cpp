@@ -1,8 +1,14 @@
 // A whole backup and restore from the command line, across relaunches of the example host.
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <nlohmann/json.hpp>
 
 #include "../startup/container_fixture.h"
+#include "archive/zip_reader.h"
+#include "store/container_lock.h"
 #include "support/process.h"
 
 namespace corvelstow {
@@ -14,15 +20,21 @@ using testing::runCommand;
 using testing::writeFile;
 using Tree = std::map<std::string, std::string>;
 
-class CycleTest : public testing::ContainerFixture,
+// The command's environment for the fixture's container, with `extra` added.
+class CommandFixture : public testing::ContainerFixture {
+ protected:
+  std::map<std::string, std::string> env(const std::map<std::string, std::string>& extra = {}) {
+    std::map<std::string, std::string> all{{"CORVELSTOW_HOME", layout.home.string()},
+                                           {"CORVELSTOW_BUNDLE", bundle.string()},
+                                           {"TMPDIR", (folder / "tmp").string()}};
+    for (const auto& [name, value] : extra) all[name] = value;
+    return all;
+  }
+};
+
+class CycleTest : public CommandFixture,
                   public ::testing::WithParamInterface<StowRestoreScope> {
  protected:
-  std::map<std::string, std::string> env() {
-    return {{"CORVELSTOW_HOME", layout.home.string()},
-            {"CORVELSTOW_BUNDLE", bundle.string()},
-            {"TMPDIR", (folder / "tmp").string()}};
-  }
-
   Tree documents() { return readTree(layout.documents); }
 };
 
@@ -81,7 +93,236 @@ INSTANTIATE_TEST_SUITE_P(Scopes, CycleTest,
                                            StowRestoreScope::settings),
                          [](const auto& info) { return std::string(rawValue(info.param)); });
 
-class BackupCommandTest : public testing::ContainerFixture {};
+class BackupCommandTest : public CommandFixture {
+ protected:
+  // The names of the finished exports (temporary files are hidden).
+  static std::vector<std::string> exportsIn(const fs::path& exports) {
+    std::vector<std::string> names;
+    for (const auto& [name, kind] : readTree(exports)) {
+      if (name[0] != '.') names.push_back(name);
+    }
+    return names;
+  }
+
+  // The error a failed command printed after its progress.
+  static std::string lastLine(const std::string& text) {
+    std::size_t start = text.rfind('\n', text.size() < 2 ? 0 : text.size() - 2);
+    return start == std::string::npos ? text : text.substr(start + 1);
+  }
+
+  // Every entry's name and data, each checked against its CRC.
+  static std::string allData(const fs::path& archive) {
+    std::string data;
+    StowZipReader reader(archive);
+    for (const auto& item : reader.items()) data += item.path + "\n" + reader.data(item) + "\n";
+    return data;
+  }
+
+  static bool complete(const fs::path& archive) {
+    try {
+      return !allData(archive).empty();
+    } catch (const std::exception&) {
+      return false;
+    }
+  }
+};
+
+// The second starts while the first writes; it waits for the first, or gives up with a sentence.
+TEST_F(BackupCommandTest, TwoBackupsAtOnceEachFinishOrAreToldTheOtherRuns) {
+  std::string text;  // that takes a while to compress
+  for (std::uint32_t x = 1; text.size() < (500 << 10); x = x * 1103515245 + 12345) {
+    text += std::to_string(x >> 16) + ' ';
+  }
+  for (int i = 0; i < 24; ++i) writeFile(layout.documents / "Bulk" / std::to_string(i), text);
+  fs::create_directories(folder / "tmp");
+  const std::string script = R"(
+for one in 1 2; do
+  ("$0" --json backup >"$1/out$one" 2>"$1/err$one"; echo $? >"$1/code$one") &
+  sleep 0.2
+done
+wait)";
+  auto both = testing::runProcess({"sh", "-c", script, CORVELSTOW_COMMAND, folder.path()}, env());
+  ASSERT_EQ(both.exitCode, 0);
+  int finished = 0;
+  for (std::string one : {"1", "2"}) {
+    if (readFile(folder / ("code" + one)) == "0\n") {
+      ++finished;
+      auto printed = nlohmann::json::parse(readFile(folder / ("out" + one)));
+      EXPECT_TRUE(complete(printed["archive"].get<std::string>()));
+    } else {
+      EXPECT_EQ(lastLine(readFile(folder / ("err" + one))),
+                std::string(StowContainerLock::kBusyText) + "\n");
+    }
+  }
+  EXPECT_GE(finished, 1);
+}
+
+// Each container has its own exports folder, which only its user can read.
+TEST_F(BackupCommandTest, ExportsArePerContainerAndPrivate) {
+  fs::create_directories(folder / "tmp");
+  fs::create_directories(folder / "other");
+  fs::copy(layout.home, folder / "other/home", fs::copy_options::recursive);
+  auto first = runCommand({"backup"}, env());
+  ASSERT_EQ(first.exitCode, 0) << first.err;
+  const fs::path archive = first.out.substr(0, first.out.find('\n'));
+  const std::string archived = readFile(archive);
+  std::string otherApp = readFile(bundle / "Info.plist");
+  otherApp.replace(otherApp.find(">Notes<"), 7, ">Other<");
+  writeFile(folder / "Other.app/Info.plist", otherApp);
+  auto second =
+      runCommand({"backup"}, env({{"CORVELSTOW_HOME", (folder / "other/home").string()},
+                                  {"CORVELSTOW_BUNDLE", (folder / "Other.app").string()}}));
+  ASSERT_EQ(second.exitCode, 0) << second.err;
+
+  EXPECT_EQ(archive.parent_path(), layout.exports);
+  EXPECT_TRUE(readFile(archive) == archived);  // the other container's backup left it alone
+  EXPECT_NE(fs::path(second.out.substr(0, second.out.find('\n'))).parent_path(), layout.exports);
+  auto mode = [](const fs::path& path) {
+    struct stat info {};
+    ::lstat(path.c_str(), &info);
+    return info.st_mode & 07777;
+  };
+  EXPECT_EQ(mode(archive), 0600u);
+  EXPECT_EQ(mode(layout.exports), 0700u);
+  EXPECT_EQ(mode(layout.exports.parent_path()), 0700u);
+}
+
+// Killed at each change it makes to a file, a backup leaves the previous export as it was, or a
+// complete new one, and never a partial file under an export's name.
+TEST_F(BackupCommandTest, AKilledBackupLosesNoExport) {
+  fs::create_directories(folder / "tmp");
+  auto good = runCommand({"backup"}, env());
+  ASSERT_EQ(good.exitCode, 0) << good.err;
+  const fs::path previous = layout.exports / "Notes 2020-01-01 0000.corvelappdata";
+  fs::rename(good.out.substr(0, good.out.find('\n')), previous);
+  const std::string previousBytes = readFile(previous);
+
+  int kills = 0;
+  for (int at = 1; at < 1000; ++at) {
+    auto run = runCommand({"backup"}, env({{"LD_PRELOAD", CORVELSTOW_FILE_FAULT},
+                                           {"CORVELSTOW_KILL_AT_CHANGE", std::to_string(at)}}));
+    if (run.exitCode == 0) break;  // it made fewer changes than that
+    ASSERT_EQ(run.exitCode, 128 + SIGKILL) << run.err;
+    ++kills;
+    bool newer = false;
+    for (const std::string& name : exportsIn(layout.exports)) {
+      EXPECT_TRUE(complete(layout.exports / name)) << name << " after change " << at;
+      newer |= name != previous.filename();
+    }
+    if (!newer) {
+      EXPECT_EQ(readFile(previous), previousBytes) << "after change " << at;
+    }
+    // Back to where the next run starts: the previous export alone.
+    for (const auto& entry : fs::directory_iterator(layout.exports)) {
+      if (entry.path() != previous) fs::remove(entry.path());
+    }
+    if (!fs::exists(previous)) writeFile(previous, previousBytes);
+  }
+  EXPECT_GE(kills, 20);
+}
+
+// No link is followed: not Documents itself, nor a file or folder replaced by one while the
+// backup runs. The outside folder holds a secret.
+TEST_F(BackupCommandTest, NoLinkIsFollowed) {
+  const fs::path outside = folder / "outside";
+  writeFile(outside / "x.txt", "secret");
+  writeFile(outside / "old.txt", "secret");
+  fs::create_directories(folder / "tmp");
+  struct Case {
+    std::string replaced;
+    fs::path target;
+    bool whileRunning;
+    std::string error;
+  };
+  const std::vector<Case> cases{
+      {"Documents", outside, false, ""},
+      {"Documents/old.txt", outside / "x.txt", true,
+       "Could not back up Documents/old.txt: it was replaced while the backup ran.\n"},
+      {"Documents/Folder", outside, true,
+       "Could not back up Documents/Folder/x.txt: it was replaced while the backup ran.\n"},
+  };
+  for (const Case& test : cases) {
+    SCOPED_TRACE(test.replaced);
+    const fs::path replaced = layout.home / test.replaced;
+    std::map<std::string, std::string> extra;
+    if (test.whileRunning) {
+      // Just after the walk, as the archive is first written to.
+      extra = {{"LD_PRELOAD", CORVELSTOW_FILE_FAULT}, {"CORVELSTOW_RELINK_AT_CHANGE", "1"},
+               {"CORVELSTOW_RELINK", replaced.string()},
+               {"CORVELSTOW_RELINK_TARGET", test.target.string()}};
+    } else {
+      fs::rename(replaced, replaced.string() + ".replaced");
+      fs::create_directory_symlink(test.target, replaced);
+    }
+    auto run = runCommand({"--json", "backup"}, env(extra));
+    EXPECT_EQ(run.exitCode == 0 ? "" : lastLine(run.err), test.error);
+    if (test.error.empty()) {
+      auto printed = nlohmann::json::parse(run.out);
+      std::string data = allData(printed["archive"].get<std::string>());
+      EXPECT_EQ(data.find("secret"), std::string::npos);
+      EXPECT_NE(data.find("container/Documents/\n"), std::string::npos);
+      auto usage = nlohmann::json::parse(runCommand({"--json", "usage"}, env()).out);
+      EXPECT_EQ(usage["documentsBytes"], 0);
+    } else {
+      EXPECT_EQ(run.exitCode, 1);
+      EXPECT_TRUE(exportsIn(layout.exports).empty());
+    }
+    fs::remove(replaced);
+    fs::rename(replaced.string() + ".replaced", replaced);
+    for (const std::string& name : exportsIn(layout.exports)) fs::remove(layout.exports / name);
+  }
+}
+
+// The walk holds a few descriptors however deep the tree; a folder it may not read is passed
+// over, one it cannot open for another reason stops the backup, naming it.
+TEST_F(BackupCommandTest, DeepTreesAreWhollyBackedUpAndUnopenableFoldersNamed) {
+  fs::create_directories(folder / "tmp");
+  std::string deep = "Documents";
+  for (int level = 0; level < 300; ++level) deep += "/d";
+  writeFile(layout.home / deep / "bottom.txt", "at the bottom");
+  // Reached once the descriptors of the folders above were given back.
+  writeFile(layout.documents / "e/after.txt", "after the deep tree");
+  auto limited = [&](const std::string& command) {
+    return testing::runProcess(
+        {"sh", "-c", "ulimit -n 64 && exec \"$0\" --json " + command, CORVELSTOW_COMMAND}, env());
+  };
+  auto backup = limited("backup");
+  ASSERT_EQ(backup.exitCode, 0) << backup.err;
+  auto printed = nlohmann::json::parse(backup.out);
+  EXPECT_EQ(printed["manifest"]["fileCount"], 9);
+  const std::string data = allData(printed["archive"].get<std::string>());
+  EXPECT_NE(data.find("container/" + deep + "/bottom.txt\nat the bottom"), std::string::npos);
+  EXPECT_NE(data.find("container/Documents/e/after.txt\nafter the deep tree"), std::string::npos);
+  auto usage = limited("usage");
+  ASSERT_EQ(usage.exitCode, 0) << usage.err;
+  EXPECT_EQ(nlohmann::json::parse(usage.out)["files"], 9);
+
+  struct Case {
+    int code;
+    std::string error;
+  };
+  const std::vector<Case> cases{
+      {EACCES, ""},
+      {EIO, "Could not open the folder Documents/Folder: Input/output error.\n"},
+  };
+  for (const Case& test : cases) {
+    SCOPED_TRACE(test.code);
+    auto fault = env({{"LD_PRELOAD", CORVELSTOW_FILE_FAULT}, {"CORVELSTOW_FAIL_OPEN", "Folder"},
+                      {"CORVELSTOW_FAIL_OPEN_ERRNO", std::to_string(test.code)}});
+    auto run = runCommand({"--json", "backup"}, fault);
+    EXPECT_EQ(run.exitCode == 0 ? "" : lastLine(run.err), test.error);
+    EXPECT_EQ(run.exitCode, test.error.empty() ? 0 : 1);
+    if (test.error.empty()) {
+      std::string data = allData(nlohmann::json::parse(run.out)["archive"].get<std::string>());
+      EXPECT_NE(data.find("container/Documents/Folder/\n"), std::string::npos);
+      EXPECT_EQ(data.find("Folder/x.txt"), std::string::npos);
+    }
+    // The survey never fails: it counts what it can read.
+    auto survey = runCommand({"--json", "usage"}, fault);
+    ASSERT_EQ(survey.exitCode, 0) << survey.err;
+    EXPECT_EQ(nlohmann::json::parse(survey.out)["files"], 8);
+  }
+}
 
 // The format is shared with another app: a backup written by other code restores here, its
 // settings renamed to this app's identifier.

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/temp_folder.h"
+
 namespace corvelstow {
 namespace {
 
@@ -9,7 +11,24 @@ TEST(LayoutTest, TheWorkFolderLiesInLibraryAndIsExcludedFromItByName) {
   StowLayout layout = StowLayout::forRoots("/c", "/t");
   EXPECT_EQ(layout.workFolder.parent_path(), layout.library);
   EXPECT_TRUE(excludedLibraryNames().count(layout.workFolder.filename().string()));
-  EXPECT_EQ(layout.exports, "/t/CorvelStow Exports");  // outside the container
+  EXPECT_EQ(layout.exports.parent_path(), "/t/CorvelStow Exports");  // outside the container
+}
+
+// Each container exports into a folder of its own, named for it and its real path.
+TEST(LayoutTest, ExportsAreKeyedByTheContainersRealPath) {
+  testing::TempFolder folder;
+  fs::create_directories(folder / "one/home");
+  fs::create_directory_symlink("one/home", folder / "link");
+  auto exports = [&](const fs::path& home) {
+    return StowLayout::forRoots(home, folder / "tmp").exports;
+  };
+  const fs::path one = exports(folder / "one/home");
+  EXPECT_EQ(one.filename().string().substr(0, 5), "home-");
+  EXPECT_EQ(one.filename().string().size(), 5u + 8u);
+  EXPECT_NE(exports(folder / "two/home"), one);
+  EXPECT_EQ(exports(folder / "link"), one);
+  EXPECT_EQ(exports(folder.path().string() + "/one/./home/"), one);
+  EXPECT_EQ(exports("/").filename().string().size(), 8u);
 }
 
 TEST(LayoutTest, SharedLayoutIsBuiltOnceFromTheEnvironment) {
@@ -22,7 +41,7 @@ TEST(LayoutTest, SharedLayoutIsBuiltOnceFromTheEnvironment) {
   ::setenv("CORVELSTOW_HOME", "/second", 1);
   EXPECT_EQ(&StowLayout::shared(), &layout);
   EXPECT_EQ(StowLayout::shared().home, "/first");
-  EXPECT_EQ(StowLayout::shared().exports, "/scratch/CorvelStow Exports");
+  EXPECT_EQ(StowLayout::shared().exports.parent_path(), "/scratch/CorvelStow Exports");
 }
 
 }  // namespace
