@@ -23,7 +23,7 @@ class StowZipWriter {
  public:
   /// One entry, as the central directory will describe it.
   struct Written {
-    std::string name;  ///< UTF-8 bytes, as in the local header
+    std::string name;  ///< the name's bytes, as in the local header
     std::uint16_t method = 0;
     std::uint16_t flags = 0;
     std::uint16_t time = 0;  ///< DOS time, local
@@ -79,6 +79,7 @@ class StowZipWriter {
   std::vector<Written> written_;
   std::uint64_t offset_ = 0;
   std::unique_ptr<DeflateStream> deflate_;  // made on the first file, reset for each later one
+  std::unique_ptr<CompressionProbe> probe_;  // made with it
   std::unique_ptr<char[]> readBuffer_;
 };
 
