@@ -141,8 +141,8 @@ bool bytesLookRandom(std::string_view piece) {
 CompressionProbe::CompressionProbe()
     : stream_(std::make_unique<z_stream>()), output_(new unsigned char[2 * kSampleSize]) {
   // The fastest level: a trial only needs to find the repeats, not the best encoding of them.
-  int status = deflateInit2(stream_.get(), 1, Z_DEFLATED, kRawWindowBits, kMemoryLevel,
-                            Z_DEFAULT_STRATEGY);
+  int status =
+      deflateInit2(stream_.get(), 1, Z_DEFLATED, kRawWindowBits, kMemoryLevel, Z_DEFAULT_STRATEGY);
   if (status != Z_OK) throwZlibFailure(status);
 }
 

@@ -25,7 +25,7 @@ constexpr std::uint32_t kAttributesFolder = 0x41ED0000;  // Unix mode 040755 in 
 constexpr std::uint32_t kAttributesFile = 0x81A40000;    // Unix mode 0100644 in the high half
 constexpr std::uint16_t kZip64ExtraId = 0x0001;
 constexpr std::uint16_t kUnicodePathExtraId = 0x7075;  // Info-ZIP's UTF-8 copy of a name
-constexpr std::uint32_t kZip64Marker32 = 0xFFFFFFFF;  // "see the Zip64 record" in a 32-bit field
+constexpr std::uint32_t kZip64Marker32 = 0xFFFFFFFF;   // "see the Zip64 record" in a 32-bit field
 constexpr std::uint16_t kZip64Marker16 = 0xFFFF;
 constexpr std::size_t kMaxCommentLength = 65535;
 

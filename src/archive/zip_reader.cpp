@@ -149,8 +149,7 @@ StowZipReader::DirectoryPlace StowZipReader::locateDirectory() {
     directoryEnd = zip64->second;
     // Its numbers count only where the end record's are marked as too large for it.
     if (place.offset == zip::kZip64Marker32 || place.count == zip::kZip64Marker16) {
-      place = {zip64->first.totalEntries, zip64->first.directoryOffset,
-               zip64->first.directorySize};
+      place = {zip64->first.totalEntries, zip64->first.directoryOffset, zip64->first.directorySize};
     }
   }
   // A directory that would run past the record after it is no directory.
@@ -217,7 +216,8 @@ void StowZipReader::readDirectory() {
 void StowZipReader::refuseOverlaps(std::uint64_t directoryStart) {
   std::vector<std::pair<std::uint64_t, std::uint64_t>> extents;  // local header, compressed size
   extents.reserve(items_.size());
-  for (const StowZipItem& item : items_) extents.emplace_back(item.headerOffset, item.compressedSize);
+  for (const StowZipItem& item : items_)
+    extents.emplace_back(item.headerOffset, item.compressedSize);
   std::sort(extents.begin(), extents.end());
   starts_.reserve(extents.size() + 1);
   for (std::size_t i = 0; i < extents.size(); ++i) {

@@ -78,7 +78,7 @@ class StowZipWriter {
   UniqueFd fd_;
   std::vector<Written> written_;
   std::uint64_t offset_ = 0;
-  std::unique_ptr<DeflateStream> deflate_;  // made on the first file, reset for each later one
+  std::unique_ptr<DeflateStream> deflate_;   // made on the first file, reset for each later one
   std::unique_ptr<CompressionProbe> probe_;  // made with it
   std::unique_ptr<char[]> readBuffer_;
 };

@@ -18,6 +18,10 @@ std::optional<std::string> readWhole(const fs::path& path);
 /// creating the parent folder first. False when any step failed; an older file is left intact.
 bool writeAtomically(const fs::path& path, std::string_view bytes);
 
+/// Writes all of `bytes` to the open descriptor `fd`, however many writes it takes. False, with
+/// errno set, when a write fails.
+bool writeAll(int fd, std::string_view bytes);
+
 /// Creates `path` and every missing parent with mode 0755; an existing folder is no failure.
 bool createFolders(const fs::path& path);
 

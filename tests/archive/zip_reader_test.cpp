@@ -134,21 +134,21 @@ TEST(ZipReaderTest, RefusesWhatIsNotAnArchiveOrIsDamaged) {
       {testing::sampleText(100000), kNotAZip},
       {archive + std::string(65535, 'c'), kBoth},
       {archive + std::string(65536, 'c'), kNotAZip},
-      {patched(end + 20, 22, 2) + emptyAt(archive.size()), ""},  // a comment holding a whole end record
-      {patched(end + 20, 10, 2) + "xxxxxxPK\x05\x06", kBoth},  // a signature too near the end
+      {patched(end + 20, 22, 2) + emptyAt(archive.size()), ""},  // a comment holding an end record
+      {patched(end + 20, 10, 2) + "xxxxxxPK\x05\x06", kBoth},    // a signature too near the end
       {patched(end + 12, le32(archive, end + 12) - 1, 4), kNotAZip},  // the last record sticks out
       {patched(central + 28, 60000, 2), kNotAZip},  // the first name runs past the directory
       {patched(end + 10, 3, 2), kNotAZip},          // three entries announced, two present
       {patched(end + 16, 0, 4), kNotAZip},          // the directory offset at a local header
       {patched(end + 16, 0xFFFFFF00, 4), kNotAZip},
-      {patched(end + 12, 0xFFFFFFF0, 4), kNotAZip},  // a directory size past the end record
-      {patched(38, archive[38] ^ 0x01, 1), firstDamaged},        // a byte of the stored data
+      {patched(end + 12, 0xFFFFFFF0, 4), kNotAZip},        // a directory size past the end record
+      {patched(38, archive[38] ^ 0x01, 1), firstDamaged},  // a byte of the stored data
       {patched(129, archive[129] ^ 0x10, 1), kBoth + kDamaged},  // and of the deflated data
       {patched(central + 16, le32(archive, central + 16) + 1, 4), firstDamaged},  // the CRC
       {patched(central + 20, 0xFFFFFFF0, 4), kNotAZip},  // data that runs into the next entry
       {patched(central + 10, 12, 2),
        "a.txt uses compression method 12, which isn't supported. | b/source.txt"},
-      {patched(0, 'X', 1), kNotAZip + " | b/source.txt"},  // no local header
+      {patched(0, 'X', 1), kNotAZip + " | b/source.txt"},         // no local header
       {patched(central + 42, archive.size() - 10, 4), kNotAZip},  // a local header after them
   };
   for (std::size_t i = 0; i < std::size(cases); ++i) {
