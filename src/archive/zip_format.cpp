@@ -202,10 +202,10 @@ std::optional<Zip64EndOfCentralDirectory> readZip64EndOfCentralDirectory(ByteCur
 
 namespace {
 
-// The data of the first block with `id` in an extra field: a sequence of (16-bit id, 16-bit
-// length, data) blocks. A block whose length runs past the field keeps what is there.
-std::optional<std::string_view> extraBlock(std::string_view extra, std::uint16_t id) {
-  ByteCursor cursor(extra);
+// The data of the next block with `id` in an extra field, a sequence of (16-bit id, 16-bit
+// length, data) blocks, from where `cursor` stands. A block whose length runs past the field
+// keeps what is there.
+std::optional<std::string_view> nextExtraBlock(ByteCursor& cursor, std::uint16_t id) {
   while (cursor.remaining() >= 4) {
     std::uint16_t blockId = cursor.get16();
     std::uint16_t length = cursor.get16();
@@ -288,7 +288,8 @@ constexpr char16_t kCp437High[128] = {
 
 EntryExtent entryExtent(const CentralDirectoryHeader& header) {
   EntryExtent extent{header.size, header.compressedSize, header.localHeaderOffset};
-  auto zip64 = extraBlock(header.extra, kZip64ExtraId);
+  ByteCursor extra(header.extra);
+  auto zip64 = nextExtraBlock(extra, kZip64ExtraId);
   if (!zip64) return extent;
   // The block holds a 64-bit value only for each 32-bit field that says so, in this order.
   ByteCursor block(*zip64);
@@ -303,17 +304,19 @@ EntryExtent entryExtent(const CentralDirectoryHeader& header) {
 }
 
 std::optional<std::string_view> unicodePath(const CentralDirectoryHeader& header) {
-  auto field = extraBlock(header.extra, kUnicodePathExtraId);
-  if (!field) return {};
-  ByteCursor cursor(*field);
-  const std::string_view version = cursor.getBytes(1);
-  const std::uint32_t nameCrc = cursor.get32();
-  if (!cursor.ok() || version[0] != 1) return {};
   // A tool that renamed the entry without knowing the field left it stale: the CRC tells.
   StowCRC32 crc;
   crc.update(header.name);
-  if (crc.checksum() != nameCrc) return {};
-  return cursor.getBytes(cursor.remaining());
+  ByteCursor extra(header.extra);
+  while (auto field = nextExtraBlock(extra, kUnicodePathExtraId)) {
+    ByteCursor cursor(*field);
+    const std::string_view version = cursor.getBytes(1);
+    const std::uint32_t nameCrc = cursor.get32();
+    if (cursor.ok() && version[0] == 1 && nameCrc == crc.checksum() && cursor.remaining() > 0) {
+      return cursor.getBytes(cursor.remaining());
+    }
+  }
+  return {};
 }
 
 bool isUtf8(std::string_view bytes) {

@@ -170,7 +170,8 @@ struct EntryExtent {
 EntryExtent entryExtent(const CentralDirectoryHeader& header);
 
 /// The UTF-8 name of a central record's Info-ZIP Unicode Path field, when it has one that is
-/// current: version 1, made for the record's name as it stands (the CRC-32 of the name matches).
+/// current: version 1, made for the record's name as it stands (the CRC-32 of the name matches),
+/// and not empty. The first such field counts.
 std::optional<std::string_view> unicodePath(const CentralDirectoryHeader& header);
 
 /// Whether `bytes` are well-formed UTF-8.

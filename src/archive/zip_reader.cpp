@@ -121,7 +121,8 @@ StowZipReader::EndRecord StowZipReader::findEndRecord() {
 }
 
 // The Zip64 end record and where it stands: where the locator says, or else right before the
-// locator, where it is when data in front of the archive has moved it.
+// locator, where it is when data in front of the archive has moved it. Either way the record
+// (its size counts what follows its first 12 bytes) ends where the locator begins.
 std::optional<std::pair<zip::Zip64EndOfCentralDirectory, std::uint64_t>>
 StowZipReader::findZip64End(const zip::Zip64EndLocator& locator, std::uint64_t locatorAt) {
   if (locatorAt < zip::Zip64EndOfCentralDirectory::kFixedSize) return {};
@@ -130,7 +131,8 @@ StowZipReader::findZip64End(const zip::Zip64EndLocator& locator, std::uint64_t l
     if (at > latest) continue;
     char bytes[zip::Zip64EndOfCentralDirectory::kFixedSize];
     zip::ByteCursor record(std::string_view(bytes, readAt(at, bytes, sizeof bytes)));
-    if (auto end = zip::readZip64EndOfCentralDirectory(record)) return std::make_pair(*end, at);
+    auto end = zip::readZip64EndOfCentralDirectory(record);
+    if (end && end->recordSize == locatorAt - at - 12) return std::make_pair(*end, at);
   }
   return {};
 }

@@ -59,7 +59,7 @@ const Tree kCp437Names = {
     {"Documents/Notes/\u2261\u00B1.txt", "7"},
     {"Documents/r\u00E9sum\u00E9.txt", "resume"},
 };
-// The name of a current Unicode Path field; a stale one is passed over for code page 437.
+// The name of the first current Unicode Path field; stale ones are passed over.
 const Tree kUnicodePathNames = {{"Documents", "/"},
                                 {"Documents/Caf\u00E9.txt", "fresh"},
                                 {"Documents/na\u00EFve.txt", "stale"}};
@@ -105,6 +105,7 @@ const Case kCases[] = {
     {"empty-end-then-junk.zip", kNotAZip, "manifest.json", "", kNotAZip, kNotAZip},
     {"empty-end-bogus-offset.zip", kNotAZip, "manifest.json", "", kNotAZip, kNotAZip},
     {"zip64-locator-to-nowhere.zip", kNotAZip, "manifest.json", "", kNotAZip, kNotAZip},
+    {"zip64-end-apart.zip", kNotAZip, "manifest.json", "", kNotAZip, kNotAZip},
     {"count-too-low.zip", kNotAZip, "manifest.json", "", kNotAZip, kNotAZip},
     {"count-too-high.zip", kNotAZip, "manifest.json", "", kNotAZip, kNotAZip},
     {"gap-before-end.zip", kNotAZip, "manifest.json", "", kNotAZip, kNotAZip},

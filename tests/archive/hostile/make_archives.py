@@ -15,7 +15,7 @@ import sys
 import zlib
 
 LOCAL, CENTRAL, END = 0x04034B50, 0x02014B50, 0x06054B50
-ZIP64_LOCATOR = 0x07064B50
+ZIP64_END, ZIP64_LOCATOR = 0x06064B50, 0x07064B50
 DOS_TIME, DOS_DATE = 0x4BC5, 0x58A1  # 2024-05-01 09:30:10
 UNIX, MSDOS = 0x031E, 0x0014  # "version made by": Unix 3.0, MS-DOS 2.0
 UTF8, ENCRYPTED = 1 << 11, 1 << 0
@@ -143,7 +143,8 @@ def cases():
     cafe = DOCUMENTS + b"caf\x82.txt"
     yield "unicode-path-field.zip", archive(backup(
         stored(cafe, b"fresh", flags=0, made_by=MSDOS,
-               extra=unicode_path(cafe, "container/Documents/Café.txt".encode())),
+               extra=unicode_path(cafe, b"", crc_of=b"older") +
+               unicode_path(cafe, "container/Documents/Café.txt".encode())),
         stored(DOCUMENTS + b"na\x8bve.txt", b"stale", flags=0, made_by=MSDOS,
                extra=unicode_path(b"renamed since", "container/Documents/wrong.txt".encode()))))
     yield "unix-names.zip", archive(backup(
@@ -168,6 +169,9 @@ def cases():
     yield "empty-end-bogus-offset.zip", junk[:100] + empty_end(offset=5000)
     locator = struct.pack("<IIQI", ZIP64_LOCATOR, 0, 65536, 1)
     yield "zip64-locator-to-nowhere.zip", locator + empty_end()
+    zip64_end = struct.pack("<IQHHIIQQQQ", ZIP64_END, 44, UNIX, 45, 0, 0, 0, 0, 0, 0)
+    apart = zip64_end + junk[:22] + struct.pack("<IIQI", ZIP64_LOCATOR, 0, 0, 1)
+    yield "zip64-end-apart.zip", apart + empty_end()
     entries = backup(*notes)
     yield "count-too-low.zip", archive(entries, count=len(entries) - 1)
     yield "count-too-high.zip", archive(entries, count=len(entries) + 1)
