@@ -12,6 +12,7 @@
 #include "archive/zip_error.h"
 #include "archive/zip_format.h"
 #include "base/file_error.h"
+#include "base/files.h"
 
 namespace corvelstow {
 namespace {
@@ -21,18 +22,6 @@ namespace fs = std::filesystem;
 constexpr std::size_t kPieceSize = 1 << 20;
 // The end record and the longest comment it can announce: the end record lies in these last bytes.
 constexpr std::size_t kTailSize = zip::EndOfCentralDirectory::kFixedSize + zip::kMaxCommentLength;
-
-void writeAll(int fd, std::string_view bytes, const std::string& entryPath) {
-  while (!bytes.empty()) {
-    ssize_t count = ::write(fd, bytes.data(), bytes.size());
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) {
-      if (count == 0) errno = EIO;
-      throwFileError("write", entryPath);
-    }
-    bytes.remove_prefix(static_cast<std::size_t>(count));
-  }
-}
 
 }  // namespace
 
@@ -63,7 +52,9 @@ std::string StowZipReader::data(const StowZipItem& item) {
 }
 
 void StowZipReader::extract(const StowZipItem& item, int destinationFd) {
-  extract(item, [&](std::string_view piece) { writeAll(destinationFd, piece, item.path); });
+  extract(item, [&](std::string_view piece) {
+    if (!files::writeAll(destinationFd, piece)) throwFileError("write", item.path);
+  });
 }
 
 void StowZipReader::extract(const StowZipItem& item, const ByteSink& sink) {
