@@ -15,7 +15,8 @@ namespace corvelstow {
 
 /// Writes a classic (32-bit, no Zip64) ZIP archive front to back in one pass: one local entry
 /// after another, then the central directory and the end record. In-memory entries are stored;
-/// files are deflated and streamed. Move-only; the destructor closes the file (errors ignored).
+/// files are deflated and streamed. A name is flagged as UTF-8 only when it is; any other name is
+/// written as its bytes, unflagged. Move-only; the destructor closes the file (errors ignored).
 ///
 /// Every operation throws StowZipError (cannotCreate, tooLarge) or StowFileError for a failed
 /// file operation. After a failure the file stays as far as it was written: the caller discards it.
