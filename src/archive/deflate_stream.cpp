@@ -138,27 +138,18 @@ bool bytesLookRandom(std::string_view piece) {
 
 }  // namespace
 
-CompressionProbe::CompressionProbe()
-    : stream_(std::make_unique<z_stream>()), output_(new unsigned char[2 * kSampleSize]) {
+void CompressionProbe::End::operator()(z_stream_s* stream) const {
+  deflateEnd(stream);
+  delete stream;
+}
+
+CompressionProbe::CompressionProbe() : output_(new unsigned char[2 * kSampleSize]) {
+  auto stream = std::make_unique<z_stream>();
   // The fastest level: a trial only needs to find the repeats, not the best encoding of them.
   int status =
-      deflateInit2(stream_.get(), 1, Z_DEFLATED, kRawWindowBits, kMemoryLevel, Z_DEFAULT_STRATEGY);
+      deflateInit2(stream.get(), 1, Z_DEFLATED, kRawWindowBits, kMemoryLevel, Z_DEFAULT_STRATEGY);
   if (status != Z_OK) throwZlibFailure(status);
-}
-
-CompressionProbe::~CompressionProbe() {
-  if (stream_) deflateEnd(stream_.get());
-}
-
-CompressionProbe::CompressionProbe(CompressionProbe&& other) noexcept = default;
-
-CompressionProbe& CompressionProbe::operator=(CompressionProbe&& other) noexcept {
-  if (this != &other) {
-    if (stream_) deflateEnd(stream_.get());
-    stream_ = std::move(other.stream_);
-    output_ = std::move(other.output_);
-  }
-  return *this;
+  stream_.reset(stream.release());
 }
 
 bool CompressionProbe::worthCompressing(std::string_view piece) {

@@ -52,9 +52,6 @@ class CompressionProbe {
  public:
   /// Throws std::bad_alloc when zlib cannot allocate.
   CompressionProbe();
-  ~CompressionProbe();
-  CompressionProbe(CompressionProbe&& other) noexcept;
-  CompressionProbe& operator=(CompressionProbe&& other) noexcept;
 
   /// Whether `piece` should be compressed rather than stored. Pieces whose bytes are spread
   /// unevenly always are; for the others, short samples are compressed after the 32 KiB before
@@ -64,7 +61,10 @@ class CompressionProbe {
  private:
   bool shrinks(std::string_view window, std::string_view sample);
 
-  std::unique_ptr<z_stream_s> stream_;
+  struct End {  // releases the zlib state, then the stream
+    void operator()(z_stream_s* stream) const;
+  };
+  std::unique_ptr<z_stream_s, End> stream_;
   std::unique_ptr<unsigned char[]> output_;
 };
 
