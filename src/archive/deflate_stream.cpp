@@ -81,23 +81,6 @@ void DeflateStream::setLevel(int level, const ByteSink& sink) {
   level_ = level;
 }
 
-bool looksIncompressible(std::string_view piece) {
-  // Order-0 entropy of the bytes: about 8 bits for random data and compressed formats, well
-  // under 7 for text, databases and most binaries. Small pieces say too little to judge.
-  constexpr std::size_t kSmallest = 4096;
-  constexpr double kThreshold = 7.9;
-  if (piece.size() < kSmallest) return false;
-  std::size_t counts[256] = {};
-  for (unsigned char byte : piece) ++counts[byte];
-  double entropy = 0, total = static_cast<double>(piece.size());
-  for (std::size_t count : counts) {
-    if (count == 0) continue;
-    double p = static_cast<double>(count) / total;
-    entropy -= p * std::log2(p);
-  }
-  return entropy >= kThreshold;
-}
-
 void DeflateStream::write(std::string_view input, const ByteSink& sink) {
   while (!input.empty()) {
     std::size_t slice = std::min(input.size(), kMaxSlice);
@@ -126,6 +109,78 @@ void DeflateStream::run(int flush, const ByteSink& sink) {
     std::size_t produced = kBufferSize - stream_->avail_out;
     if (produced > 0) sink({reinterpret_cast<const char*>(buffer_.get()), produced});
   } while (stream_->avail_out == 0 || (flush == Z_FINISH && status != Z_STREAM_END));
+}
+
+// CompressionProbe
+
+namespace {
+
+constexpr std::size_t kWindowSize = 32768;  // the farthest back a DEFLATE match reaches
+constexpr std::size_t kSampleSize = 1024;
+constexpr std::size_t kProbeStride = 256 << 10;  // one sample for each stretch of this length
+
+// Order-0 entropy of the bytes: about 8 bits for random data and compressed formats, well under
+// 7 for text, databases and most binaries. Small pieces cost little to compress anyway.
+bool bytesLookRandom(std::string_view piece) {
+  constexpr std::size_t kSmallest = 4096;
+  constexpr double kThreshold = 7.9;
+  if (piece.size() < kSmallest) return false;
+  std::size_t counts[256] = {};
+  for (unsigned char byte : piece) ++counts[byte];
+  double entropy = 0, total = static_cast<double>(piece.size());
+  for (std::size_t count : counts) {
+    if (count == 0) continue;
+    double p = static_cast<double>(count) / total;
+    entropy -= p * std::log2(p);
+  }
+  return entropy >= kThreshold;
+}
+
+}  // namespace
+
+void CompressionProbe::End::operator()(z_stream_s* stream) const {
+  deflateEnd(stream);
+  delete stream;
+}
+
+CompressionProbe::CompressionProbe() : output_(new unsigned char[2 * kSampleSize]) {
+  auto stream = std::make_unique<z_stream>();
+  // The fastest level: a trial only needs to find the repeats, not the best encoding of them.
+  int status =
+      deflateInit2(stream.get(), 1, Z_DEFLATED, kRawWindowBits, kMemoryLevel, Z_DEFAULT_STRATEGY);
+  if (status != Z_OK) throwZlibFailure(status);
+  stream_.reset(stream.release());
+}
+
+bool CompressionProbe::worthCompressing(std::string_view piece) {
+  if (!bytesLookRandom(piece)) return true;
+  // Evenly spread bytes can still repeat within DEFLATE's window (a random block copied over and
+  // over), which the byte counts cannot see. A sample at the end of each stretch finds that.
+  for (std::size_t end = 0; end < piece.size();) {
+    end = std::min(end + kProbeStride, piece.size());
+    const std::size_t start = end - kSampleSize;  // a piece that looks random has 4 KiB or more
+    const std::size_t from = start > kWindowSize ? start - kWindowSize : 0;
+    if (shrinks(piece.substr(from, start - from), piece.substr(start, kSampleSize))) return true;
+  }
+  return false;
+}
+
+// Whether `sample` compresses to fewer bytes than it has, with `window` as what came before it.
+bool CompressionProbe::shrinks(std::string_view window, std::string_view sample) {
+  deflateReset(stream_.get());
+  const auto bytes = [](std::string_view text) {
+    return reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
+  };
+  if (!window.empty()) {
+    deflateSetDictionary(stream_.get(), bytes(window), static_cast<uInt>(window.size()));
+  }
+  stream_->next_in = bytes(sample);
+  stream_->avail_in = static_cast<uInt>(sample.size());
+  stream_->next_out = output_.get();
+  stream_->avail_out = static_cast<uInt>(2 * kSampleSize);
+  // Room for the sample in stored blocks and the flush: one call flushes it all.
+  if (deflate(stream_.get(), Z_SYNC_FLUSH) != Z_OK || stream_->avail_in != 0) return true;
+  return 2 * kSampleSize - stream_->avail_out < sample.size();
 }
 
 // InflateStream

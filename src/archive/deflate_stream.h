@@ -45,9 +45,28 @@ class DeflateStream {
   int level_;
 };
 
-/// Whether `piece` looks like data DEFLATE cannot shrink (compressed media, encrypted or random
-/// bytes): its bytes are spread almost evenly over all 256 values.
-bool looksIncompressible(std::string_view piece);
+/// Tells data worth compressing from data that DEFLATE cannot shrink (compressed media, encrypted
+/// or random bytes), which goes into stored blocks many times faster. Move-only; owns a small
+/// zlib stream for its trials.
+class CompressionProbe {
+ public:
+  /// Throws std::bad_alloc when zlib cannot allocate.
+  CompressionProbe();
+
+  /// Whether `piece` should be compressed rather than stored. Pieces whose bytes are spread
+  /// unevenly always are; for the others, short samples are compressed after the 32 KiB before
+  /// them, and the piece is compressed only when a sample comes out smaller.
+  bool worthCompressing(std::string_view piece);
+
+ private:
+  bool shrinks(std::string_view window, std::string_view sample);
+
+  struct End {  // releases the zlib state, then the stream
+    void operator()(z_stream_s* stream) const;
+  };
+  std::unique_ptr<z_stream_s, End> stream_;
+  std::unique_ptr<unsigned char[]> output_;
+};
 
 /// Decompresses. Move-only; the zlib state is released by the destructor.
 class InflateStream {

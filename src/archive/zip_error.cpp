@@ -15,6 +15,10 @@ StowZipError StowZipError::unsupportedMethod(std::uint16_t method, std::string p
           path + " uses compression method " + std::to_string(method) + ", which isn't supported."};
 }
 
+StowZipError StowZipError::encrypted(std::string path) {
+  return {Kind::encrypted, path + " is encrypted, which isn't supported."};
+}
+
 StowZipError StowZipError::damaged(std::string path) {
   return {Kind::damaged, path + " is damaged: its checksum does not match."};
 }

@@ -10,7 +10,15 @@ namespace corvelstow {
 /// The failures of the archive writer and reader, each with the one sentence the user sees.
 class StowZipError : public std::exception {
  public:
-  enum class Kind { cannotCreate, tooLarge, unsupportedMethod, damaged, unsafePath, notAZip };
+  enum class Kind {
+    cannotCreate,
+    tooLarge,
+    unsupportedMethod,
+    encrypted,
+    damaged,
+    unsafePath,
+    notAZip,
+  };
 
   /// "Could not create {name}." The archive file could not be created or opened for writing.
   static StowZipError cannotCreate(std::string name);
@@ -19,6 +27,8 @@ class StowZipError : public std::exception {
   static StowZipError tooLarge(std::string name);
   /// "{path} uses compression method {method}, which isn't supported."
   static StowZipError unsupportedMethod(std::uint16_t method, std::string path);
+  /// "{path} is encrypted, which isn't supported."
+  static StowZipError encrypted(std::string path);
   /// "{path} is damaged: its checksum does not match."
   static StowZipError damaged(std::string path);
   /// "The archive holds an unsafe path: {path}" (no final full stop).

@@ -15,14 +15,17 @@ namespace corvelstow::zip {
 
 constexpr std::uint16_t kVersionNeeded = 20;      // 2.0: deflate and folders
 constexpr std::uint16_t kVersionMadeBy = 0x031E;  // host 3 (Unix), format version 3.0
+constexpr std::uint16_t kFlagEncrypted = 1u << 0;
 constexpr std::uint16_t kFlagDataDescriptor = 1u << 3;
 constexpr std::uint16_t kFlagUtf8 = 1u << 11;
+constexpr std::uint8_t kHostUnix = 3;  // the high byte of "version made by" for a Unix tool
 constexpr std::uint16_t kMethodStored = 0;
 constexpr std::uint16_t kMethodDeflated = 8;
 constexpr std::uint32_t kAttributesFolder = 0x41ED0000;  // Unix mode 040755 in the high half
 constexpr std::uint32_t kAttributesFile = 0x81A40000;    // Unix mode 0100644 in the high half
 constexpr std::uint16_t kZip64ExtraId = 0x0001;
-constexpr std::uint32_t kZip64Marker32 = 0xFFFFFFFF;  // "see the Zip64 record" in a 32-bit field
+constexpr std::uint16_t kUnicodePathExtraId = 0x7075;  // Info-ZIP's UTF-8 copy of a name
+constexpr std::uint32_t kZip64Marker32 = 0xFFFFFFFF;   // "see the Zip64 record" in a 32-bit field
 constexpr std::uint16_t kZip64Marker16 = 0xFFFF;
 constexpr std::size_t kMaxCommentLength = 65535;
 
@@ -166,9 +169,21 @@ struct EntryExtent {
 };
 EntryExtent entryExtent(const CentralDirectoryHeader& header);
 
+/// The UTF-8 name of a central record's Info-ZIP Unicode Path field, when it has one that is
+/// current: version 1, made for the record's name as it stands (the CRC-32 of the name matches),
+/// and not empty. The first such field counts.
+std::optional<std::string_view> unicodePath(const CentralDirectoryHeader& header);
+
+/// Whether `bytes` are well-formed UTF-8.
+bool isUtf8(std::string_view bytes);
+
 /// An entry name as text: the bytes decoded as UTF-8, each ill-formed sequence replaced by
 /// U+FFFD (one per maximal ill-formed subpart, as Unicode recommends).
 std::string decodeName(std::string_view bytes);
+
+/// An entry name stored without the UTF-8 flag, as text: the bytes decoded as code page 437, the
+/// IBM PC character set that the format names for such names. Every byte maps to a character.
+std::string decodeCp437(std::string_view bytes);
 
 /// A moment as the DOS time and date of the format, in the device's local time zone.
 struct DosDateTime {

@@ -6,13 +6,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <exception>
 #include <limits>
 
 #include "archive/crc32.h"
 #include "archive/zip_error.h"
 #include "archive/zip_format.h"
 #include "base/file_error.h"
+#include "base/files.h"
 
 namespace corvelstow {
 namespace {
@@ -22,18 +22,6 @@ namespace fs = std::filesystem;
 constexpr std::size_t kPieceSize = 1 << 20;
 // The end record and the longest comment it can announce: the end record lies in these last bytes.
 constexpr std::size_t kTailSize = zip::EndOfCentralDirectory::kFixedSize + zip::kMaxCommentLength;
-
-void writeAll(int fd, std::string_view bytes, const std::string& entryPath) {
-  while (!bytes.empty()) {
-    ssize_t count = ::write(fd, bytes.data(), bytes.size());
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) {
-      if (count == 0) errno = EIO;
-      throwFileError("write", entryPath);
-    }
-    bytes.remove_prefix(static_cast<std::size_t>(count));
-  }
-}
 
 }  // namespace
 
@@ -64,24 +52,45 @@ std::string StowZipReader::data(const StowZipItem& item) {
 }
 
 void StowZipReader::extract(const StowZipItem& item, int destinationFd) {
-  extract(item, [&](std::string_view piece) { writeAll(destinationFd, piece, item.path); });
+  extract(item, [&](std::string_view piece) {
+    if (!files::writeAll(destinationFd, piece)) throwFileError("write", item.path);
+  });
 }
 
 void StowZipReader::extract(const StowZipItem& item, const ByteSink& sink) {
   const std::uint64_t start = dataStart(item);
+  if (item.flags & zip::kFlagEncrypted) throw StowZipError::encrypted(item.path);
+  if (item.method != zip::kMethodStored && item.method != zip::kMethodDeflated) {
+    throw StowZipError::unsupportedMethod(item.method, item.path);
+  }
+  // The data must end before the next entry (or the directory) begins.
+  const std::uint64_t limit = nextStart(item.headerOffset);
+  if (start > limit || item.compressedSize > limit - start) throw StowZipError::damaged(item.path);
   if (item.method == zip::kMethodStored) {
     unpackStored(item, start, sink);
-  } else if (item.method == zip::kMethodDeflated) {
-    unpackDeflated(item, start, sink);
   } else {
-    throw StowZipError::unsupportedMethod(item.method, item.path);
+    unpackDeflated(item, start, sink);
   }
 }
 
-// The directory: find the end record in the tail of the file, follow it to the Zip64 end record
-// when it says so, then read the central directory in one piece and walk it.
-void StowZipReader::readDirectory() {
-  // End record
+// The end record nearest the end of the file, where it stands, and the Zip64 locator right
+// before it when there is one.
+struct StowZipReader::EndRecord {
+  zip::EndOfCentralDirectory record;
+  std::uint64_t at = 0;
+  std::optional<zip::Zip64EndLocator> locator;
+};
+
+// Where the central directory lies, as the end records place it.
+struct StowZipReader::DirectoryPlace {
+  std::uint64_t count = 0;   // of entries
+  std::uint64_t offset = 0;  // as the end record gives it
+  std::uint64_t size = 0;
+  std::uint64_t shift = 0;  // the length of what stands in front of the archive
+  std::uint64_t start() const { return offset + shift; }
+};
+
+StowZipReader::EndRecord StowZipReader::findEndRecord() {
   const std::size_t tailSize =
       static_cast<std::size_t>(std::min<std::uint64_t>(length_, kTailSize));
   std::string tail(tailSize, '\0');
@@ -94,49 +103,127 @@ void StowZipReader::readDirectory() {
     end = zip::readEndOfCentralDirectory(cursor);
   }
   if (!end) throw StowZipError::notAZip();
-  std::uint64_t count = end->totalEntries;
-  std::uint64_t size = end->directorySize;
-  std::uint64_t offset = end->directoryOffset;
-
-  // Zip64 end record, when the end record points at it and it is there; otherwise the 32-bit
-  // values stand.
-  if ((offset == zip::kZip64Marker32 || count == zip::kZip64Marker16) &&
-      position >= zip::Zip64EndLocator::kFixedSize) {
+  EndRecord found{*end, length_ - tail.size() + position, {}};
+  if (position >= zip::Zip64EndLocator::kFixedSize) {
     zip::ByteCursor cursor(tail, position - zip::Zip64EndLocator::kFixedSize);
-    if (auto locator = zip::readZip64EndLocator(cursor)) {
-      char bytes[zip::Zip64EndOfCentralDirectory::kFixedSize];
-      std::size_t got = readAt(locator->zip64EndOffset, bytes, sizeof bytes);
-      zip::ByteCursor record(std::string_view(bytes, got));
-      if (auto end64 = zip::readZip64EndOfCentralDirectory(record)) {
-        count = end64->totalEntries;
-        size = end64->directorySize;
-        offset = end64->directoryOffset;
-      }
+    found.locator = zip::readZip64EndLocator(cursor);
+  }
+  return found;
+}
+
+// The Zip64 end record and where it stands: where the locator says, or else right before the
+// locator, where it is when data in front of the archive has moved it. Either way the record
+// (its size counts what follows its first 12 bytes) ends where the locator begins.
+std::optional<std::pair<zip::Zip64EndOfCentralDirectory, std::uint64_t>>
+StowZipReader::findZip64End(const zip::Zip64EndLocator& locator, std::uint64_t locatorAt) {
+  if (locatorAt < zip::Zip64EndOfCentralDirectory::kFixedSize) return {};
+  const std::uint64_t latest = locatorAt - zip::Zip64EndOfCentralDirectory::kFixedSize;
+  for (std::uint64_t at : {locator.zip64EndOffset, latest}) {
+    if (at > latest) continue;
+    char bytes[zip::Zip64EndOfCentralDirectory::kFixedSize];
+    zip::ByteCursor record(std::string_view(bytes, readAt(at, bytes, sizeof bytes)));
+    auto end = zip::readZip64EndOfCentralDirectory(record);
+    if (end && end->recordSize == locatorAt - at - 12) return std::make_pair(*end, at);
+  }
+  return {};
+}
+
+// The directory ends where the record after it begins (the Zip64 end record when there is one,
+// else the end record), so whatever stands in front of the archive, such as a self-extracting
+// stub, shows as a shift of every offset, which is then allowed for.
+StowZipReader::DirectoryPlace StowZipReader::locateDirectory() {
+  const EndRecord end = findEndRecord();
+  DirectoryPlace place{end.record.totalEntries, end.record.directoryOffset,
+                       end.record.directorySize};
+  std::uint64_t directoryEnd = end.at;
+  auto zip64 = end.locator ? findZip64End(*end.locator, end.at - zip::Zip64EndLocator::kFixedSize)
+                           : std::nullopt;
+  if (zip64) {
+    directoryEnd = zip64->second;
+    // Its numbers count only where the end record's are marked as too large for it.
+    if (place.offset == zip::kZip64Marker32 || place.count == zip::kZip64Marker16) {
+      place = {zip64->first.totalEntries, zip64->first.directoryOffset, zip64->first.directorySize};
     }
   }
-  if (count == 0) return;
+  // A directory that would run past the record after it is no directory.
+  if (place.size > directoryEnd || place.offset > directoryEnd - place.size) {
+    throw StowZipError::notAZip();
+  }
+  place.shift = directoryEnd - place.size - place.offset;
+  // Without entries only the end record tells an archive from other bytes: it must stand where
+  // its directory offset says, with its comment ending the file.
+  const std::uint64_t commentEnd =
+      end.at + zip::EndOfCentralDirectory::kFixedSize + end.record.commentLength;
+  if (place.count == 0 && (place.size != 0 || place.shift != 0 || commentEnd != length_)) {
+    throw StowZipError::notAZip();
+  }
+  return place;
+}
 
-  // Central directory: never more bytes than the file holds after its offset.
-  const std::uint64_t available = offset < length_ ? length_ - offset : 0;
-  std::string directory(static_cast<std::size_t>(std::min(size, available)), '\0');
-  directory.resize(readAt(offset, directory.data(), directory.size()));
+// The central directory, read in one piece and walked record by record.
+void StowZipReader::readDirectory() {
+  const DirectoryPlace place = locateDirectory();
+  if (place.count == 0) return;
+  // The directory lies inside the file, before the end record: its size is bounded by the file.
+  std::string directory(static_cast<std::size_t>(place.size), '\0');
+  if (readAt(place.start(), directory.data(), directory.size()) != directory.size()) {
+    throw StowZipError::notAZip();
+  }
   items_.reserve(static_cast<std::size_t>(
-      std::min<std::uint64_t>(count, directory.size() / zip::CentralDirectoryHeader::kFixedSize)));
+      std::min<std::uint64_t>(place.count, place.size / zip::CentralDirectoryHeader::kFixedSize)));
   zip::ByteCursor cursor(directory);
-  while (items_.size() < count) {
+  while (items_.size() < place.count) {
     // A record that is short, lacks its signature or runs past the directory: not an archive.
     auto header = zip::readCentralDirectoryHeader(cursor);
     if (!header) throw StowZipError::notAZip();
     zip::EntryExtent extent = zip::entryExtent(*header);
+    // Every local header lies before the directory.
+    if (extent.localHeaderOffset >= place.offset) throw StowZipError::notAZip();
     StowZipItem item;
-    item.path = zip::decodeName(header->name);
+    item.storedName = header->name;
+    if (header->flags & zip::kFlagUtf8) {
+      item.path = zip::decodeName(header->name);
+    } else if (auto unicode = zip::unicodePath(*header)) {
+      item.path = zip::decodeName(*unicode);
+      item.nameEncoding = StowZipItem::NameEncoding::unicodePathField;
+    } else {
+      item.path = zip::decodeCp437(header->name);
+      item.nameEncoding = StowZipItem::NameEncoding::cp437;
+    }
+    item.versionMadeBy = header->versionMadeBy;
+    item.flags = header->flags;
     item.method = header->method;
     item.crc = header->crc;
     item.compressedSize = extent.compressedSize;
     item.size = extent.size;
-    item.headerOffset = extent.localHeaderOffset;
+    item.headerOffset = extent.localHeaderOffset + place.shift;
     items_.push_back(std::move(item));
   }
+  // The records fill the directory: as many as the end record counts, and nothing after them.
+  if (cursor.remaining() != 0) throw StowZipError::notAZip();
+  refuseOverlaps(place.start());
+}
+
+// Each entry's local header and data end before the next entry begins, the last one before the
+// directory. Entries that share bytes are how a small archive unpacks to an enormous one.
+void StowZipReader::refuseOverlaps(std::uint64_t directoryStart) {
+  std::vector<std::pair<std::uint64_t, std::uint64_t>> extents;  // local header, compressed size
+  extents.reserve(items_.size());
+  for (const StowZipItem& item : items_)
+    extents.emplace_back(item.headerOffset, item.compressedSize);
+  std::sort(extents.begin(), extents.end());
+  starts_.reserve(extents.size() + 1);
+  for (std::size_t i = 0; i < extents.size(); ++i) {
+    const auto [start, compressed] = extents[i];
+    const std::uint64_t next = i + 1 < extents.size() ? extents[i + 1].first : directoryStart;
+    // The name and extra field come on top; they are checked when the entry is unpacked.
+    if (next - start < zip::LocalFileHeader::kFixedSize ||
+        compressed > next - start - zip::LocalFileHeader::kFixedSize) {
+      throw StowZipError::notAZip();
+    }
+    starts_.push_back(start);
+  }
+  starts_.push_back(directoryStart);
 }
 
 // Reads until `count` bytes or the end of the file; fewer bytes only at the end.
@@ -168,16 +255,25 @@ std::uint64_t StowZipReader::dataStart(const StowZipItem& item) {
          header->extraLength;
 }
 
-// Stored: the bytes as they are. A sink that throws stops the unpacking at once.
+// Where the entry after the one whose local header is at `headerOffset` begins, or the
+// directory: the end of the room its data has.
+std::uint64_t StowZipReader::nextStart(std::uint64_t headerOffset) const {
+  auto next = std::upper_bound(starts_.begin(), starts_.end(), headerOffset);
+  return next == starts_.end() ? headerOffset : *next;
+}
+
+// Stored: the bytes as they are, exactly as many as declared. A sink that throws stops the
+// unpacking at once.
 void StowZipReader::unpackStored(const StowZipItem& item, std::uint64_t start,
                                  const ByteSink& sink) {
+  if (item.compressedSize != item.size) throw StowZipError::damaged(item.path);
   StowCRC32 crc;
   std::uint64_t remaining = item.compressedSize;
   std::uint64_t position = start;
   while (remaining > 0) {
     std::size_t want = static_cast<std::size_t>(std::min<std::uint64_t>(remaining, bufferSize_));
     std::size_t got = readAt(position, buffer(), want);
-    if (got == 0) break;  // a truncated entry: the checksum below tells
+    if (got == 0) throw StowZipError::damaged(item.path);  // the archive ends inside the entry
     position += got;
     remaining -= got;
     std::string_view piece(buffer(), got);
@@ -187,8 +283,10 @@ void StowZipReader::unpackStored(const StowZipItem& item, std::uint64_t start,
   if (crc.checksum() != item.crc) throw StowZipError::damaged(item.path);
 }
 
-// Deflated: the compressed bytes through the decompressor. A sink that throws is remembered and
-// no further pieces reach it; the exception is passed on when reading has stopped.
+// Deflated: the compressed bytes through the decompressor. The stream must end within the
+// declared compressed bytes and give exactly the declared size; output past that size stops it
+// at once, since a few kilobytes of DEFLATE can stand for gigabytes. A sink that throws stops the
+// unpacking and its exception is passed on.
 void StowZipReader::unpackDeflated(const StowZipItem& item, std::uint64_t start,
                                    const ByteSink& sink) {
   if (inflate_) {
@@ -197,20 +295,17 @@ void StowZipReader::unpackDeflated(const StowZipItem& item, std::uint64_t start,
     inflate_ = std::make_unique<InflateStream>();
   }
   StowCRC32 crc;
-  std::exception_ptr failure;
+  std::uint64_t produced = 0;
   const ByteSink deliver = [&](std::string_view piece) {
-    if (failure) return;
-    try {
-      sink(piece);
-      crc.update(piece);
-    } catch (...) {
-      failure = std::current_exception();
-    }
+    if (piece.size() > item.size - produced) throw StowZipError::damaged(item.path);
+    produced += piece.size();
+    sink(piece);
+    crc.update(piece);
   };
   InflateStream::Status status = InflateStream::Status::needsInput;
   std::uint64_t remaining = item.compressedSize;
   std::uint64_t position = start;
-  while (remaining > 0 && !failure && status == InflateStream::Status::needsInput) {
+  while (remaining > 0 && status == InflateStream::Status::needsInput) {
     std::size_t want = static_cast<std::size_t>(std::min<std::uint64_t>(remaining, bufferSize_));
     std::size_t got = readAt(position, buffer(), want);
     if (got == 0) break;
@@ -218,8 +313,8 @@ void StowZipReader::unpackDeflated(const StowZipItem& item, std::uint64_t start,
     remaining -= got;
     status = inflate_->write({buffer(), got}, deliver);
   }
-  if (failure) std::rethrow_exception(failure);
-  if (status == InflateStream::Status::corrupt || crc.checksum() != item.crc) {
+  if (status != InflateStream::Status::ended || produced != item.size ||
+      crc.checksum() != item.crc) {
     throw StowZipError::damaged(item.path);
   }
 }

@@ -3,17 +3,27 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "archive/deflate_stream.h"
+#include "archive/zip_format.h"
 #include "base/unique_fd.h"
 
 namespace corvelstow {
 
 /// One entry as the central directory describes it.
 struct StowZipItem {
-  std::string path;  ///< the name decoded as UTF-8 (U+FFFD for bad bytes); folders end in "/"
+  /// Where `path` comes from: the stored name as UTF-8 (the name's UTF-8 flag is set), the
+  /// UTF-8 name of a current Info-ZIP Unicode Path field, or the stored name as code page 437.
+  enum class NameEncoding { utf8, unicodePathField, cp437 };
+
+  std::string path;  ///< the name as text (U+FFFD for bytes that are not UTF-8); folders end in "/"
+  std::string storedName;  ///< the name's bytes as the central directory holds them
+  NameEncoding nameEncoding = NameEncoding::utf8;
+  std::uint16_t versionMadeBy = 0;  ///< its high byte names the system that made the entry
+  std::uint16_t flags = 0;          ///< the general-purpose flags
   std::uint16_t method = 0;
   std::uint32_t crc = 0;
   std::uint64_t compressedSize = 0;
@@ -21,15 +31,19 @@ struct StowZipItem {
   std::uint64_t headerOffset = 0;  ///< of the entry's local header
 };
 
-/// Reads a ZIP archive whose entries are stored or deflated, Zip64 records included. Nothing is
-/// unpacked without its CRC-32 being checked. Move-only; the destructor closes the file.
+/// Reads a ZIP archive whose entries are stored or deflated, Zip64 records included, also behind
+/// data in front of it (a self-extracting stub). Nothing is unpacked without its CRC-32 and its
+/// declared size being checked. Move-only; the destructor closes the file.
 ///
-/// Unpacking throws StowZipError (notAZip for a missing local header, unsupportedMethod, damaged)
-/// or StowFileError for a failed read or write; the reader stays usable after a failure.
+/// Unpacking throws StowZipError (notAZip for a missing local header, encrypted,
+/// unsupportedMethod, damaged) or StowFileError for a failed read or write; the reader stays
+/// usable after a failure.
 class StowZipReader {
  public:
   /// Opens the archive and reads its directory. Throws StowFileError when the file cannot be
-  /// opened or read, and StowZipError::notAZip when it is not an archive.
+  /// opened or read, and StowZipError::notAZip when it is not an archive: no end record, a
+  /// directory that does not hold the records the end record counts or does not end where it
+  /// should, or entries whose local data overlap.
   explicit StowZipReader(const std::filesystem::path& location);
   ~StowZipReader();
   StowZipReader(StowZipReader&&) noexcept;
@@ -45,14 +59,24 @@ class StowZipReader {
   /// written before a failure stays written.
   void extract(const StowZipItem& item, int destinationFd);
 
-  /// Streams the entry to `sink` in pieces of at most 1 MiB. A sink that throws stops the
-  /// unpacking and its exception is passed on.
+  /// Streams the entry to `sink` in pieces of at most 1 MiB. Never hands on more than the
+  /// entry's declared size: unpacking stops with StowZipError::damaged as soon as the data passes
+  /// it, ends short of it, or does not end within the declared compressed bytes. A sink that
+  /// throws stops the unpacking and its exception is passed on.
   void extract(const StowZipItem& item, const ByteSink& sink);
 
  private:
+  struct EndRecord;
+  struct DirectoryPlace;
+  EndRecord findEndRecord();
+  std::optional<std::pair<zip::Zip64EndOfCentralDirectory, std::uint64_t>> findZip64End(
+      const zip::Zip64EndLocator& locator, std::uint64_t locatorAt);
+  DirectoryPlace locateDirectory();
   void readDirectory();
+  void refuseOverlaps(std::uint64_t directoryStart);
   std::size_t readAt(std::uint64_t offset, char* buffer, std::size_t count);
   std::uint64_t dataStart(const StowZipItem& item);
+  std::uint64_t nextStart(std::uint64_t headerOffset) const;
   void unpackStored(const StowZipItem& item, std::uint64_t start, const ByteSink& sink);
   void unpackDeflated(const StowZipItem& item, std::uint64_t start, const ByteSink& sink);
   char* buffer();
@@ -61,6 +85,7 @@ class StowZipReader {
   UniqueFd fd_;
   std::uint64_t length_ = 0;
   std::vector<StowZipItem> items_;
+  std::vector<std::uint64_t> starts_;  // every local header's offset and the directory's, sorted
   std::unique_ptr<InflateStream> inflate_;  // made on the first deflated entry, then reset
   std::unique_ptr<char[]> buffer_;
   std::size_t bufferSize_ = 0;

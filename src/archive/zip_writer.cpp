@@ -39,6 +39,8 @@ StowZipWriter::Written newEntry(std::string_view name, StowDate date) {
   }
   StowZipWriter::Written entry;
   entry.name = std::string(name);
+  // A name that is not UTF-8 (a Linux file name in another encoding) keeps its bytes, unflagged.
+  entry.flags = zip::isUtf8(name) ? zip::kFlagUtf8 : 0;
   zip::DosDateTime dos = zip::dosDateTime(date);
   entry.time = dos.time;
   entry.date = dos.date;
@@ -65,7 +67,6 @@ void StowZipWriter::add(std::string_view data, std::string_view name, StowDate d
   Written entry = newEntry(name, date);
   checkStart(name);
   entry.method = zip::kMethodStored;
-  entry.flags = zip::kFlagUtf8;
   entry.crc = crc.checksum();
   entry.compressed = entry.size = static_cast<std::uint32_t>(data.size());
   entry.offset = static_cast<std::uint32_t>(offset_);
@@ -80,7 +81,6 @@ void StowZipWriter::addDirectory(std::string_view name, StowDate date) {
   Written entry = newEntry(folder, date);
   checkStart(name);
   entry.method = zip::kMethodStored;
-  entry.flags = zip::kFlagUtf8;
   entry.offset = static_cast<std::uint32_t>(offset_);
   entry.isDirectory = true;
   writeLocalHeader(entry);
@@ -107,7 +107,7 @@ void StowZipWriter::addFile(int source, const fs::path& file, std::string_view n
   Written entry = newEntry(name, date);
   checkStart(name);
   entry.method = zip::kMethodDeflated;
-  entry.flags = zip::kFlagUtf8 | zip::kFlagDataDescriptor;
+  entry.flags |= zip::kFlagDataDescriptor;
   entry.offset = static_cast<std::uint32_t>(offset_);
   writeLocalHeader(entry);
 
@@ -117,6 +117,7 @@ void StowZipWriter::addFile(int source, const fs::path& file, std::string_view n
     deflate_->reset();
   } else {
     deflate_ = std::make_unique<DeflateStream>();
+    probe_ = std::make_unique<CompressionProbe>();
   }
   if (!readBuffer_) readBuffer_.reset(new char[kReadPieceSize]);
   StowCRC32 crc;
@@ -141,7 +142,7 @@ void StowZipWriter::addFile(int source, const fs::path& file, std::string_view n
     uncompressed += piece.size();
     // DEFLATE spends most of its time failing to shrink data that is already dense; such
     // pieces go into stored blocks of the same stream, some fifty times faster.
-    deflate_->setLevel(looksIncompressible(piece) ? 0 : Z_DEFAULT_COMPRESSION, sink);
+    deflate_->setLevel(probe_->worthCompressing(piece) ? Z_DEFAULT_COMPRESSION : 0, sink);
     deflate_->write(piece, sink);
   }
   deflate_->finish(sink);

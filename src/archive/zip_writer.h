@@ -15,7 +15,8 @@ namespace corvelstow {
 
 /// Writes a classic (32-bit, no Zip64) ZIP archive front to back in one pass: one local entry
 /// after another, then the central directory and the end record. In-memory entries are stored;
-/// files are deflated and streamed. Move-only; the destructor closes the file (errors ignored).
+/// files are deflated and streamed. A name is flagged as UTF-8 only when it is; any other name is
+/// written as its bytes, unflagged. Move-only; the destructor closes the file (errors ignored).
 ///
 /// Every operation throws StowZipError (cannotCreate, tooLarge) or StowFileError for a failed
 /// file operation. After a failure the file stays as far as it was written: the caller discards it.
@@ -23,7 +24,7 @@ class StowZipWriter {
  public:
   /// One entry, as the central directory will describe it.
   struct Written {
-    std::string name;  ///< UTF-8 bytes, as in the local header
+    std::string name;  ///< the name's bytes, as in the local header
     std::uint16_t method = 0;
     std::uint16_t flags = 0;
     std::uint16_t time = 0;  ///< DOS time, local
@@ -83,7 +84,8 @@ class StowZipWriter {
   UniqueFd fd_;
   std::vector<Written> written_;
   std::uint64_t offset_ = 0;
-  std::unique_ptr<DeflateStream> deflate_;  // made on the first file, reset for each later one
+  std::unique_ptr<DeflateStream> deflate_;   // made on the first file, reset for each later one
+  std::unique_ptr<CompressionProbe> probe_;  // made with it
   std::unique_ptr<char[]> readBuffer_;
 };
 

@@ -16,4 +16,18 @@ StowRestoreError StowRestoreError::nothingToRestore() {
   return {Kind::nothingToRestore, "That backup holds nothing for the part you chose."};
 }
 
+StowRestoreError StowRestoreError::heldTwice(const std::string& path) {
+  return {Kind::heldTwice, "The backup holds " + path + " more than once."};
+}
+
+StowRestoreError StowRestoreError::moreThanDeclared() {
+  return {Kind::moreThanDeclared, "The backup holds more data than it declares."};
+}
+
+StowRestoreError StowRestoreError::noRoom(std::uint64_t needed, std::uint64_t available) {
+  return {Kind::noRoom, "There isn't enough free space to prepare this restore: it needs " +
+                            std::to_string(needed) + " bytes and " + std::to_string(available) +
+                            " bytes are free."};
+}
+
 }  // namespace corvelstow

@@ -9,7 +9,7 @@ namespace corvelstow {
 /// Why a file cannot be restored, with the one text the user sees.
 class StowRestoreError : public std::exception {
  public:
-  enum class Kind { incomplete, noManifest, nothingToRestore };
+  enum class Kind { incomplete, noManifest, nothingToRestore, heldTwice, moreThanDeclared, noRoom };
 
   /// "The backup should hold {expected} files but only {found} came out of it."
   static StowRestoreError incomplete(std::int64_t expected, std::int64_t found);
@@ -17,6 +17,14 @@ class StowRestoreError : public std::exception {
   static StowRestoreError noManifest();
   /// "That backup holds nothing for the part you chose."
   static StowRestoreError nothingToRestore();
+  /// "The backup holds {path} more than once." Two entries would be restored as one file, or as
+  /// a file and a folder.
+  static StowRestoreError heldTwice(const std::string& path);
+  /// "The backup holds more data than it declares."
+  static StowRestoreError moreThanDeclared();
+  /// "There isn't enough free space to prepare this restore: it needs {needed} bytes and
+  /// {available} bytes are free."
+  static StowRestoreError noRoom(std::uint64_t needed, std::uint64_t available);
 
   Kind kind() const noexcept { return kind_; }
   const char* what() const noexcept override { return message_.c_str(); }

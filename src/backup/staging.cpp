@@ -5,9 +5,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <string_view>
+#include <unordered_set>
 
 #include "archive/zip_error.h"
+#include "archive/zip_format.h"
 #include "archive/zip_reader.h"
 #include "backup/inspection.h"
 #include "base/file_error.h"
@@ -41,10 +44,29 @@ bool inScope(std::string_view relative, StowRestoreScope scope) {
   return false;
 }
 
+// The name an entry's file is created under, after "container/": the decoded path, except for
+// a name that a Unix tool stored as plain bytes (no UTF-8 flag, no Unicode path field). Its
+// bytes are used as they are, as unzip does there, so that a file name in another encoding comes
+// back byte for byte, and two such names never become one.
+std::string_view relativeName(const StowZipItem& item) {
+  const bool unixBytes = item.nameEncoding == StowZipItem::NameEncoding::cp437 &&
+                         item.versionMadeBy >> 8 == zip::kHostUnix;
+  return std::string_view(unixBytes ? item.storedName : item.path).substr(kPrefix.size());
+}
+
+// A name as a message shows it: a NUL byte would end the message there, so it is spelled out.
+std::string shown(std::string_view name) {
+  std::string text;
+  for (char c : name) text += c == '\0' ? std::string_view("\\0") : std::string_view(&c, 1);
+  return text;
+}
+
 // An entry may only land inside the staging folder: no absolute path, no "..", and no
-// backslash, which some unpackers read as a separator.
+// backslash, which some unpackers read as a separator. Nor a NUL byte, where the system would
+// end the name ("a.txt\0.exe" would be written as a.txt).
 bool isUnsafe(std::string_view relative) {
-  if (relative.empty() || relative.front() == '/' || relative.find('\\') != std::string_view::npos)
+  if (relative.empty() || relative.front() == '/' ||
+      relative.find_first_of(std::string_view("\\\0", 2)) != std::string_view::npos)
     return true;
   for (size_t start = 0; start <= relative.size();) {
     size_t end = std::min(relative.find('/', start), relative.size());
@@ -70,23 +92,66 @@ void makeFolders(const std::string& path) {
   }
 }
 
-UniqueFd createFile(const std::string& path) {
-  UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+// A new file: one already there came from an earlier entry, which this one would overwrite (a
+// name that only differs in case, on a volume that ignores case).
+UniqueFd createFile(const std::string& path, const StowZipItem& item) {
+  UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+  if (!fd && errno == EEXIST) throw StowRestoreError::heldTwice(shown(item.path));
   if (!fd) throwFileError(errno, "Could not create " + fs::path(path).filename().string() + ".");
   return fd;
 }
 
-/// Unpacks the selected entries below `staged`; returns how many files came out.
+// Before anything is unpacked: every name is safe, and no two entries land on one file, be it a
+// file named twice or a file where a folder is, named or implied by a deeper entry.
+void checkNames(const std::vector<const StowZipItem*>& selected) {
+  std::unordered_set<std::string_view> folders, files;
+  for (const StowZipItem* item : selected) {
+    std::string_view relative = relativeName(*item);
+    if (isUnsafe(relative)) throw StowZipError::unsafePath(shown(item->path));
+    for (size_t slash = relative.find('/'); slash != std::string_view::npos;
+         slash = relative.find('/', slash + 1)) {
+      folders.insert(relative.substr(0, slash));
+    }
+  }
+  for (const StowZipItem* item : selected) {
+    std::string_view relative = relativeName(*item);
+    if (relative.back() == '/') continue;
+    if (folders.count(relative) || !files.insert(relative).second) {
+      throw StowRestoreError::heldTwice(shown(item->path));
+    }
+  }
+}
+
+std::uint64_t saturatingAdd(std::uint64_t a, std::uint64_t b) {
+  return a > UINT64_MAX - b ? UINT64_MAX : a + b;
+}
+
+// Before anything is unpacked: room on the volume for every selected file as declared. Returns
+// the most that unpacking may write: what the files declare plus what the manifest counts, a
+// second line behind the reader, which holds each entry to its declared size.
+std::uint64_t checkRoom(const fs::path& staged, const std::vector<const StowZipItem*>& selected,
+                        std::int64_t manifestBytes) {
+  std::uint64_t declared = 0;
+  for (const StowZipItem* item : selected) {
+    if (item->path.back() != '/') declared = saturatingAdd(declared, item->size);
+  }
+  auto available = platform::freeSpace(staged);
+  if (available && *available < declared) throw StowRestoreError::noRoom(declared, *available);
+  return saturatingAdd(declared,
+                       static_cast<std::uint64_t>(std::max<std::int64_t>(manifestBytes, 0)));
+}
+
+/// Unpacks the selected entries below `staged`, writing at most `limit` bytes in all; returns
+/// how many files came out.
 std::int64_t unpack(StowZipReader& reader, const std::vector<const StowZipItem*>& selected,
-                    const std::string& staged, std::int64_t fileCount,
+                    const std::string& staged, std::int64_t fileCount, std::uint64_t limit,
                     const StowProgress& progress) {
   std::string base = staged.back() == '/' ? staged : staged + "/";
   std::string lastFolder;  // the folder made for the previous file: most files share one
   std::int64_t done = 0;
+  std::uint64_t written = 0;
   for (const StowZipItem* item : selected) {
-    std::string_view relative = std::string_view(item->path).substr(kPrefix.size());
-    if (isUnsafe(relative)) throw StowZipError::unsafePath(item->path);
-    std::string destination = base + std::string(relative);
+    std::string destination = base + std::string(relativeName(*item));
     if (destination.back() == '/') {
       destination.pop_back();
       makeFolders(destination);
@@ -97,8 +162,13 @@ std::int64_t unpack(StowZipReader& reader, const std::vector<const StowZipItem*>
       makeFolders(folder);
       lastFolder = folder;
     }
-    UniqueFd file = createFile(destination);
-    reader.extract(*item, file.get());
+    UniqueFd file = createFile(destination, *item);
+    reader.extract(*item, [&](std::string_view piece) {
+      // The reader holds each entry to its declared size; this holds the whole to the total.
+      if (piece.size() > limit - written) throw StowRestoreError::moreThanDeclared();
+      written += piece.size();
+      if (!files::writeAll(file.get(), piece)) throwFileError("write", item->path);
+    });
     if (!file.close()) throwFileError("write", destination);
     ++done;
     if (done % 8 == 0 || done == fileCount) {
@@ -137,7 +207,9 @@ void stageRestore(const StowLayout& layout, const fs::path& archive, StowRestore
   }
 
   ScopeGuard clearOnFailure([&] { clearStaging(layout); });
-  std::int64_t done = unpack(reader, selected, layout.staged.string(), fileCount, progress);
+  checkNames(selected);
+  const std::uint64_t limit = checkRoom(layout.staged, selected, manifest.totalBytes);
+  std::int64_t done = unpack(reader, selected, layout.staged.string(), fileCount, limit, progress);
   // Parts of a backup are partial by design; only a whole restore is held to the count.
   if (scope == StowRestoreScope::everything && manifest.fileCount > 0 &&
       done < manifest.fileCount) {

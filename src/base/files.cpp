@@ -29,11 +29,14 @@ std::optional<std::string> readWhole(const fs::path& path) {
   }
 }
 
-static bool writeAll(int fd, std::string_view bytes) {
+bool writeAll(int fd, std::string_view bytes) {
   while (!bytes.empty()) {
     ssize_t n = ::write(fd, bytes.data(), bytes.size());
     if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
+    if (n <= 0) {
+      if (n == 0) errno = EIO;
+      return false;
+    }
     bytes.remove_prefix(static_cast<size_t>(n));
   }
   return true;

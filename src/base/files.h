@@ -27,6 +27,10 @@ void removeUnfinishedWrites(const fs::path& folder);
 /// False, with errno set (EEXIST when `to` exists), when the move did not happen.
 bool moveNoReplace(const fs::path& from, const fs::path& to);
 
+/// Writes all of `bytes` to the open descriptor `fd`, however many writes it takes. False, with
+/// errno set, when a write fails.
+bool writeAll(int fd, std::string_view bytes);
+
 /// Creates `path` and every missing parent with mode 0755; an existing folder is no failure.
 bool createFolders(const fs::path& path);
 

@@ -8,6 +8,7 @@
 // background queue, delayed tasks), formatters.h (byte counts, relative and absolute dates)
 // and app_control.h (the haptic tap, suspending the app, ending the process).
 
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -25,6 +26,11 @@ std::optional<fs::path> containerFolder();
 
 /// The process's temporary folder (on Linux, TMPDIR or /tmp).
 fs::path temporaryFolder();
+
+/// The bytes that files may still take on the volume that holds `folder`, or nothing when that
+/// cannot be told. Apple: the volume's capacity for important use, which counts what the system
+/// would purge to make room; elsewhere what statvfs gives an unprivileged process.
+std::optional<std::uint64_t> freeSpace(const fs::path& folder);
 
 /// What the host app's bundle says about itself.
 struct Bundle {

@@ -33,6 +33,14 @@ std::string smallArchive(const testing::TempFolder& folder) {
   return testing::readFile(folder / "small.zip");
 }
 
+// `block` over and over, `size` bytes in all.
+std::string repeated(const std::string& block, std::size_t size) {
+  std::string bytes;
+  while (bytes.size() < size) bytes += block;
+  bytes.resize(size);
+  return bytes;
+}
+
 // For an archive of these bytes, the sentence of failing to open it, or for each entry in turn
 // its path when it unpacks and the sentence of its failure when not, joined by " | ".
 std::string outcome(const testing::TempFolder& folder, const std::string& bytes) {
@@ -49,7 +57,8 @@ std::string outcome(const testing::TempFolder& folder, const std::string& bytes)
 }
 
 // Stored in-memory entries and deflated files, read back in pieces of at most 1 MiB. Names are
-// listed as they are, unsafe ones included, with U+FFFD for bytes that are not UTF-8.
+// listed as they are, unsafe ones included; one that is not UTF-8 is stored without the UTF-8
+// flag and read back as code page 437, its bytes kept.
 TEST(ZipReaderTest, ReadsBackStoredAndDeflatedEntries) {
   struct Entry {
     std::string name, path, bytes;
@@ -59,8 +68,9 @@ TEST(ZipReaderTest, ReadsBackStoredAndDeflatedEntries) {
       {"a.txt", "a.txt", "a"},
       {"text/notes.json", "text/notes.json", testing::sampleText(3 << 20)},
       {"random.bin", "random.bin", testing::randomBytes((5 << 19) + 3)},
+      {"repeats.bin", "repeats.bin", repeated(testing::randomBytes(16384), 3 << 20)},
       {"../../outside", "../../outside", "escapes"},
-      {"bad\xFFname\xC3.txt", "bad\xEF\xBF\xBDname\xEF\xBF\xBD.txt", "odd"},
+      {"bad\xFFname\xC3.txt", "bad\u00A0name\u251C.txt", "odd"},
   };
   for (bool fromFiles : {false, true}) {
     testing::TempFolder folder;
@@ -83,9 +93,9 @@ TEST(ZipReaderTest, ReadsBackStoredAndDeflatedEntries) {
       const StowZipWriter::Written& written = writer.written()[i + 1];
       SCOPED_TRACE(entry.path + (fromFiles ? " from a file" : " in memory"));
       const int method = fromFiles && !entry.bytes.empty() ? 8 : 0;
-      EXPECT_EQ(std::make_tuple(item.path, int{item.method}, item.size, item.compressedSize,
-                                item.headerOffset),
-                std::make_tuple(entry.path, method, std::uint64_t{entry.bytes.size()},
+      EXPECT_EQ(std::make_tuple(item.path, item.storedName, int{item.method}, item.size,
+                                item.compressedSize, item.headerOffset),
+                std::make_tuple(entry.path, entry.name, method, std::uint64_t{entry.bytes.size()},
                                 std::uint64_t{written.compressed}, std::uint64_t{written.offset}));
       std::string pieces;
       std::size_t largest = 0;
@@ -95,6 +105,8 @@ TEST(ZipReaderTest, ReadsBackStoredAndDeflatedEntries) {
       });
       EXPECT_EQ(pieces, entry.bytes);
       EXPECT_LE(largest, std::size_t{1} << 20);
+      // Random bytes that repeat within DEFLATE's window are compressed, not stored.
+      if (fromFiles && entry.name == "repeats.bin") EXPECT_LT(item.compressedSize, 100000u);
     }
   }
 }
@@ -106,6 +118,10 @@ TEST(ZipReaderTest, ReadsBackStoredAndDeflatedEntries) {
 TEST(ZipReaderTest, RefusesWhatIsNotAnArchiveOrIsDamaged) {
   testing::TempFolder folder;
   const std::string archive = smallArchive(folder), empty = "PK\x05\x06" + std::string(18, '\0');
+  // An end record without entries, its (empty) directory where it stands itself.
+  const auto emptyAt = [&](std::size_t at) {
+    return "PK\x05\x06" + std::string(12, '\0') + testing::leBytes(at, 4) + std::string(2, '\0');
+  };
   const std::size_t end = archive.size() - 22, central = testing::centralOffset(archive);
   const auto patched = [&](std::size_t at, std::uint64_t value, int width) {
     std::string bytes = archive;
@@ -118,23 +134,22 @@ TEST(ZipReaderTest, RefusesWhatIsNotAnArchiveOrIsDamaged) {
       {testing::sampleText(100000), kNotAZip},
       {archive + std::string(65535, 'c'), kBoth},
       {archive + std::string(65536, 'c'), kNotAZip},
-      {patched(end + 20, 22, 2) + empty, ""},  // a comment holding a whole end record
-      {patched(end + 20, 10, 2) + "xxxxxxPK\x05\x06", kBoth},  // a signature too near the end
+      {patched(end + 20, 22, 2) + emptyAt(archive.size()), ""},  // a comment holding an end record
+      {patched(end + 20, 10, 2) + "xxxxxxPK\x05\x06", kBoth},    // a signature too near the end
       {patched(end + 12, le32(archive, end + 12) - 1, 4), kNotAZip},  // the last record sticks out
       {patched(central + 28, 60000, 2), kNotAZip},  // the first name runs past the directory
       {patched(end + 10, 3, 2), kNotAZip},          // three entries announced, two present
       {patched(end + 16, 0, 4), kNotAZip},          // the directory offset at a local header
       {patched(end + 16, 0xFFFFFF00, 4), kNotAZip},
-      {patched(end + 12, 0xFFFFFFF0, 4), kBoth},  // a directory size past the end of the file
-      {patched(38, archive[38] ^ 0x01, 1), firstDamaged},        // a byte of the stored data
+      {patched(end + 12, 0xFFFFFFF0, 4), kNotAZip},        // a directory size past the end record
+      {patched(38, archive[38] ^ 0x01, 1), firstDamaged},  // a byte of the stored data
       {patched(129, archive[129] ^ 0x10, 1), kBoth + kDamaged},  // and of the deflated data
       {patched(central + 16, le32(archive, central + 16) + 1, 4), firstDamaged},  // the CRC
-      {patched(central + 20, 0xFFFFFFF0, 4),
-       firstDamaged},  // a stored size past the end of the file
+      {patched(central + 20, 0xFFFFFFF0, 4), kNotAZip},  // data that runs into the next entry
       {patched(central + 10, 12, 2),
        "a.txt uses compression method 12, which isn't supported. | b/source.txt"},
-      {patched(0, 'X', 1), kNotAZip + " | b/source.txt"},  // no local header
-      {patched(central + 42, archive.size() - 10, 4), kNotAZip + " | b/source.txt"},
+      {patched(0, 'X', 1), kNotAZip + " | b/source.txt"},         // no local header
+      {patched(central + 42, archive.size() - 10, 4), kNotAZip},  // a local header after them
   };
   for (std::size_t i = 0; i < std::size(cases); ++i) {
     EXPECT_EQ(outcome(folder, cases[i].first), cases[i].second) << "case " << i;

@@ -8,6 +8,7 @@
 
 #include "../startup/container_fixture.h"
 #include "archive/zip_reader.h"
+#include "backup/inspection.h"
 #include "store/container_lock.h"
 #include "support/process.h"
 
@@ -41,6 +42,9 @@ class CycleTest : public CommandFixture,
 TEST_P(CycleTest, BackUpChangeRestoreRelaunchUndo) {
   const StowRestoreScope scope = GetParam();
   writeFile(layout.documents / "Folder/Deeper/y.txt", "live y");
+  // Names that are not UTF-8, as Linux allows: each comes back byte for byte, neither lost.
+  writeFile(layout.documents / "r\xE9sum\xE9.txt", "acute");
+  writeFile(layout.documents / "r\xE8sum\xE8.txt", "grave");
   fs::create_symlink("a.txt", layout.documents / "link");
   fs::create_directories(folder / "tmp");
   const Tree backedUpDocuments = [&] {
@@ -53,7 +57,7 @@ TEST_P(CycleTest, BackUpChangeRestoreRelaunchUndo) {
   auto backup = runCommand({"backup"}, env());
   ASSERT_EQ(backup.exitCode, 0) << backup.err;
   std::string archive = backup.out.substr(0, backup.out.find('\n'));
-  EXPECT_NE(backup.err.find("Backing up: 8 of"), std::string::npos) << backup.err;
+  EXPECT_NE(backup.err.find("Backing up: 10 of"), std::string::npos) << backup.err;
 
   // The app goes on changing its data.
   writeFile(layout.documents / "a.txt", "changed a");
@@ -358,7 +362,8 @@ with zipfile.ZipFile(sys.argv[1], "w", zipfile.ZIP_DEFLATED) as z:
             "kept as it is");
 }
 
-TEST_F(BackupCommandTest, AFullDiskLeavesNoArchiveAndNoStamp) {
+// A backup that cannot be written, and a restore without room for what the backup declares.
+TEST_F(BackupCommandTest, AFullDiskLeavesNoArchiveNoStampAndNothingStaged) {
   std::string noise;
   for (int i = 0; noise.size() < (256 << 10); ++i) noise += std::to_string(i * 2654435761u);
   writeFile(layout.documents / "big.bin", noise);
@@ -373,6 +378,23 @@ TEST_F(BackupCommandTest, AFullDiskLeavesNoArchiveAndNoStamp) {
   EXPECT_NE(run.err.find("File too large."), std::string::npos) << run.err;
   EXPECT_TRUE(readTree(layout.exports).empty());
   EXPECT_FALSE(loadSettings(layout).lastBackupAt);
+
+  auto backup = runCommand({"backup"}, {{"CORVELSTOW_HOME", layout.home.string()},
+                                        {"CORVELSTOW_BUNDLE", bundle.string()},
+                                        {"TMPDIR", (folder / "tmp").string()}});
+  ASSERT_EQ(backup.exitCode, 0) << backup.err;
+  const std::string archive = backup.out.substr(0, backup.out.find('\n'));
+  auto restore = runCommand({"restore", archive}, {{"CORVELSTOW_HOME", layout.home.string()},
+                                                   {"LD_PRELOAD", CORVELSTOW_FREE_SPACE_FAULT},
+                                                   {"CORVELSTOW_FREE_BYTES", "40960"}});
+  EXPECT_EQ(restore.exitCode, 1);
+  EXPECT_NE(restore.err.find("There isn't enough free space to prepare this restore: it needs " +
+                             std::to_string(readManifest(archive).totalBytes) +
+                             " bytes and 40960 bytes are free.\n"),
+            std::string::npos)
+      << restore.err;
+  EXPECT_TRUE(readTree(layout.staged).empty());
+  EXPECT_FALSE(fs::exists(layout.stagedRecord));
 }
 
 TEST_F(BackupCommandTest, OptionsAreSavedAndInspectShowsThePreview) {

@@ -1,7 +1,8 @@
 #include "platform/apple/foundation_bridge.h"
 #include "platform/platform.h"
 
-// The two roots of every location: the app's sandbox container and its temporary folder.
+// The two roots of every location, the app's sandbox container and its temporary folder, and
+// the room left on their volume.
 namespace corvelstow::platform {
 
 std::optional<fs::path> containerFolder() {
@@ -13,6 +14,22 @@ fs::path temporaryFolder() {
   // NSTemporaryDirectory() always answers inside the sandbox; the fallback is never used there.
   return apple::catchingAll(fs::path("/tmp"), [] {
     return apple::pathFrom(NSTemporaryDirectory()).value_or(fs::path("/tmp"));
+  });
+}
+
+std::optional<std::uint64_t> freeSpace(const fs::path& folder) {
+  return apple::catchingAll(std::optional<std::uint64_t>(), [&]() -> std::optional<std::uint64_t> {
+    NSString* path = apple::nsStringFrom(folder.string());
+    if (path == nil) return std::nullopt;
+    NSURL* url = [NSURL fileURLWithPath:path isDirectory:YES];
+    NSNumber* capacity = nil;
+    if (![url getResourceValue:&capacity
+                        forKey:NSURLVolumeAvailableCapacityForImportantUsageKey
+                         error:nil] ||
+        capacity == nil) {
+      return std::nullopt;
+    }
+    return capacity.unsignedLongLongValue;
   });
 }
 

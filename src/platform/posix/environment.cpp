@@ -1,3 +1,4 @@
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -29,6 +30,12 @@ std::string deviceName() {
 }
 
 fs::path temporaryFolder() { return environment("TMPDIR").value_or("/tmp"); }
+
+std::optional<std::uint64_t> freeSpace(const fs::path& folder) {
+  struct statvfs volume {};
+  if (::statvfs(folder.c_str(), &volume) != 0) return std::nullopt;
+  return std::uint64_t{volume.f_bavail} * volume.f_frsize;
+}
 
 // On Linux a bundle is a folder laid out like an .app: Info.plist (XML or binary) at its top.
 Bundle mainBundle() {
