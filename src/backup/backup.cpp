@@ -60,14 +60,15 @@ void walk(const fs::path& folder, const std::string& top, const std::set<std::st
   }
 }
 
-StowManifest manifestFor(const StowHostApp& app, const BackupPlan& plan, StowDate createdAt) {
+StowManifest manifestFor(const StowHostApp& app, const std::string& deviceName,
+                         const BackupPlan& plan, StowDate createdAt) {
   StowManifest manifest;
   manifest.schemaVersion = 1;
   manifest.bundleIdentifier = app.bundleID;
   manifest.appName = app.name;
   manifest.appVersion = app.version;
   manifest.createdAt = createdAt;
-  manifest.deviceName = platform::deviceName();
+  manifest.deviceName = deviceName;
   manifest.includedPaths = {"Documents", "Library"};
   manifest.fileCount = static_cast<std::int64_t>(plan.files.size());
   manifest.totalBytes = plan.totalBytes;
@@ -125,8 +126,8 @@ std::string exportFileName(std::string_view appName, StowDate createdAt) {
   return name + stamp + "." + std::string(kBackupExtension);
 }
 
-fs::path backUp(const StowLayout& layout, const StowHostApp& app, bool includeCaches,
-                const StowProgress& progress) {
+fs::path backUp(const StowLayout& layout, const StowHostApp& app, const std::string& deviceName,
+                bool includeCaches, const StowProgress& progress) {
   // Settings reach Library/Preferences only when the store has written them out.
   platform::PreferencesStore(layout.preferences).synchronize();
   progress(0.0, "Looking through the app's data");
@@ -137,7 +138,7 @@ fs::path backUp(const StowLayout& layout, const StowHostApp& app, bool includeCa
   walk(layout.documents, "Documents", {}, plan);
   walk(layout.library, "Library", libraryExcluded, plan);
   const StowDate createdAt = currentDate();
-  StowManifest manifest = manifestFor(app, plan, createdAt);
+  StowManifest manifest = manifestFor(app, deviceName, plan, createdAt);
 
   // Only the newest export is kept.
   files::removeAll(layout.exports);

@@ -16,11 +16,12 @@ inline constexpr std::string_view kBackupExtension = "corvelappdata";
 
 /// Writes the container's Documents and Library (Library/Caches only with `includeCaches`)
 /// into a new ".corvelappdata" archive in the exports folder, which is emptied first, and
-/// stamps lastBackupAt in the settings once the archive is finished. Returns the archive.
+/// stamps lastBackupAt in the settings once the archive is finished. The manifest names the
+/// device `deviceName` (platform::deviceName, read on the main queue). Returns the archive.
 /// Throws StowZipError or StowFileError; a failed backup leaves no archive behind and the
 /// settings as they were.
-fs::path backUp(const StowLayout& layout, const StowHostApp& app, bool includeCaches,
-                const StowProgress& progress);
+fs::path backUp(const StowLayout& layout, const StowHostApp& app, const std::string& deviceName,
+                bool includeCaches, const StowProgress& progress);
 
 /// "{app name without /\:?%*|"<> and outer spaces, or App} yyyy-MM-dd HHmm.corvelappdata",
 /// the date in the device's time zone.
