@@ -16,6 +16,9 @@ void clearStaging(const StowLayout& layout) {
 }
 
 void runLaunchTimeWork(const StowLayout& layout, const std::string& hostBundleID) {
+  // Loaded before the device's first unlock (prewarmed), the app cannot read its files yet:
+  // what waits is left for a launch that can.
+  if (platform::dataLocked(layout.undoRequest) || platform::dataLocked(layout.stagedRecord)) return;
   // The undo comes first: with both pending, the older data is put back and the newly staged
   // restore is then applied on top of it.
   performPendingUndo(layout, hostBundleID);

@@ -9,6 +9,8 @@ namespace corvelstow {
 /// The launch-time file work, in order: a requested undo, then a staged restore (its outcome
 /// written to outcome.json and the staging cleared). Never throws. A staged.json that does not
 /// decode is left untouched, with its Staged folder, to be tried again at the next launch.
+/// Nothing at all is done while data protection keeps undo.request or staged.json from being
+/// read (platform::dataLocked): both wait for the next launch.
 void runLaunchTimeWork(const StowLayout& layout, const std::string& hostBundleID);
 
 /// Removes the Staged folder, then staged.json; failures are ignored.

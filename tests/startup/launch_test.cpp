@@ -167,6 +167,27 @@ TEST_F(LaunchTest, UndoRunsBeforeANewlyStagedRestore) {
   expectStagingCleared();
 }
 
+// The system may load the app before the device's first unlock, when its files cannot be read
+// yet: an undo and a restore that wait are left, whole, for the launch after.
+TEST_F(LaunchTest, LeavesWhatWaitsForALaunchThatCanReadTheFiles) {
+  stage(StowRestoreScope::everything);
+  ASSERT_EQ(launch().exitCode, 0);
+  ASSERT_EQ(testing::runCommand({"--home", layout.home.string(), "undo"}).exitCode, 0);
+  stage(StowRestoreScope::documents);
+  const Tree before = readTree(layout.home);
+
+  auto locked = launch({{"LD_PRELOAD", CORVELSTOW_LOCK_FAULT},
+                        {"CORVELSTOW_LOCKED_FOLDER", layout.home.string()}});
+  ASSERT_EQ(locked.exitCode, 0) << locked.err;
+  EXPECT_EQ(readTree(layout.home), before);
+
+  ASSERT_EQ(launch().exitCode, 0);
+  EXPECT_FALSE(fs::exists(layout.undoRequest));
+  EXPECT_EQ(outcome()->message, "Restored documents from Notes.");
+  EXPECT_EQ(readFile(layout.library / "Application Support/db"), "live db");  // undone
+  expectStagingCleared();
+}
+
 // A launch killed at each rename of the swap in turn, then launched again. The second launch
 // finds staged.json still there and runs the whole swap again; its first step discards the
 // aside folder of the interrupted run. What that costs is printed and pinned down here.
