@@ -63,7 +63,8 @@ class PreferencesStore {
   fs::path folder_;
 };
 
-/// The device's user-visible name (on Linux, the host name).
+/// The device's user-visible name (on Linux, the host name). Called on the main queue: on Apple
+/// platforms it comes from UIKit (UIDevice), which answers there only.
 std::string deviceName();
 
 /// Access to a file that the user picked outside the app's own folders, for as long as this

@@ -37,7 +37,8 @@ std::vector<std::size_t> StowAttachments::windowsToInstrument(
   return positions;
 }
 
-std::optional<std::size_t> StowAttachments::frontHostWindow(const std::vector<HostWindow>& windows) {
+std::optional<std::size_t> StowAttachments::frontHostWindow(
+    const std::vector<HostWindow>& windows) {
   std::optional<std::size_t> key, firstShown;
   for (std::size_t i = 0; i < windows.size(); ++i) {
     const HostWindow& window = windows[i];
