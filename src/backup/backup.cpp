@@ -68,14 +68,15 @@ void walk(FolderChain& chain, const std::string& top, const std::set<std::string
   }
 }
 
-StowManifest manifestFor(const StowHostApp& app, const BackupPlan& plan, StowDate createdAt) {
+StowManifest manifestFor(const StowHostApp& app, const std::string& deviceName,
+                         const BackupPlan& plan, StowDate createdAt) {
   StowManifest manifest;
   manifest.schemaVersion = 1;
   manifest.bundleIdentifier = app.bundleID;
   manifest.appName = app.name;
   manifest.appVersion = app.version;
   manifest.createdAt = createdAt;
-  manifest.deviceName = platform::deviceName();
+  manifest.deviceName = deviceName;
   manifest.includedPaths = {"Documents", "Library"};
   manifest.fileCount = static_cast<std::int64_t>(plan.files.size());
   manifest.totalBytes = plan.totalBytes;
@@ -218,8 +219,8 @@ std::string exportFileName(std::string_view appName, StowDate createdAt) {
   return name + stamp + "." + std::string(kBackupExtension);
 }
 
-fs::path backUp(const StowLayout& layout, const StowHostApp& app, bool includeCaches,
-                const StowProgress& progress) {
+fs::path backUp(const StowLayout& layout, const StowHostApp& app, const std::string& deviceName,
+                bool includeCaches, const StowProgress& progress) {
   const std::optional<StowContainerLock> lock = lockFor(layout);
   // Settings reach Library/Preferences only when the store has written them out.
   platform::PreferencesStore(layout.preferences).synchronize();
@@ -232,7 +233,7 @@ fs::path backUp(const StowLayout& layout, const StowHostApp& app, bool includeCa
   walk(chain, "Documents", {}, plan);
   walk(chain, "Library", libraryExcluded, plan);
   const StowDate createdAt = currentDate();
-  StowManifest manifest = manifestFor(app, plan, createdAt);
+  StowManifest manifest = manifestFor(app, deviceName, plan, createdAt);
 
   prepareExports(layout.exports);
   const fs::path archive = layout.exports / exportFileName(app.name, createdAt);

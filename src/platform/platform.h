@@ -69,7 +69,8 @@ class PreferencesStore {
   fs::path folder_;
 };
 
-/// The device's user-visible name (on Linux, the host name).
+/// The device's user-visible name (on Linux, the host name). Called on the main queue: on Apple
+/// platforms it comes from UIKit (UIDevice), which answers there only.
 std::string deviceName();
 
 /// Access to a file that the user picked outside the app's own folders, for as long as this
@@ -86,6 +87,16 @@ class ScopedFileAccess {
  private:
   [[maybe_unused]] void* grant_ = nullptr;  ///< Apple: the location whose access began, retained
 };
+
+/// Whether data protection keeps `file`, a file of the app's container, from being read now:
+/// false when it can be read or does not exist. The system may load an app (prewarm it) long
+/// before the user opens it, even before the device's first unlock after a restart, when the
+/// container's files are still locked; the launch-time work then leaves what waits for a launch
+/// that can read it. The file is opened to find out: at load time the app object, which could
+/// otherwise be asked (UIApplication's protectedDataAvailable), does not exist yet. Apple: the
+/// open is refused with EPERM (or EACCES). Linux: a locked fscrypt folder refuses it with
+/// ENOKEY; EPERM and EACCES count too.
+bool dataLocked(const fs::path& file);
 
 /// What the platform does once the launch-time file work is done. Apple: watch for window
 /// scenes becoming active. Linux: take this library out of LD_PRELOAD, so that the host's own

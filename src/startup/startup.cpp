@@ -22,6 +22,11 @@ bool hasLaunchTimeWork(const StowLayout& layout) {
          files::exists(layout.stagedRecord);
 }
 
+bool dataLocked(const StowLayout& layout) {
+  return platform::dataLocked(layout.swapJournal) || platform::dataLocked(layout.undoRequest) ||
+         platform::dataLocked(layout.stagedRecord);
+}
+
 }  // namespace
 
 // The record goes first: a staging cut short while it is cleared is then no staging at all,
@@ -34,6 +39,9 @@ void clearStaging(const StowLayout& layout) {
 void runLaunchTimeWork(const StowLayout& layout, const std::string& hostBundleID) {
   // Nothing to do is the common case: three lookups, and no file is made.
   if (!hasLaunchTimeWork(layout)) return;
+  // Loaded before the device's first unlock (prewarmed), the app cannot read its files yet:
+  // what waits is left for a launch that can.
+  if (dataLocked(layout)) return;
   auto lock = StowContainerLock::tryAcquire(layout, kLaunchPatience);
   if (!lock) return;
   files::removeUnfinishedWrites(layout.workFolder);  // records whose writer was killed

@@ -10,7 +10,9 @@ namespace corvelstow {
 /// staged restore (its outcome written to outcome.json and the staging cleared), all under the
 /// container lock; when another operation keeps the lock, the work waits for the next launch.
 /// Never throws. A staged.json that does not decode is left untouched, with its Staged folder,
-/// to be tried again at the next launch.
+/// to be tried again at the next launch. Nothing at all is done while data protection keeps
+/// swap.json, undo.request or staged.json from being read (platform::dataLocked): the work
+/// waits for a launch that can read them.
 void runLaunchTimeWork(const StowLayout& layout, const std::string& hostBundleID);
 
 /// Removes staged.json, then the Staged folder; failures are ignored.

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <cstddef>
-#include <unordered_set>
+#include <optional>
 #include <vector>
 
 namespace corvelstow {
@@ -11,6 +11,10 @@ struct StowHold {
   int touches = 1;
   double seconds = 0;      ///< the minimum press duration
   bool stripOnly = false;  ///< whether it counts only in the strip under the status bar
+  /// Once the hold is recognised, the touches under it are cancelled in the app's views, so
+  /// that lifting the finger does not also tap the control beneath (a Back button under the
+  /// strip). While the hold is only being tracked the app's views get every touch as before.
+  bool cancelsTouchesInView = true;
 };
 
 /// Three fingers held 0.5 s anywhere.
@@ -18,10 +22,12 @@ inline constexpr StowHold kThreeFingerHold{3, 0.5, false};
 /// One finger held 1.2 s in the strip under the status bar (hit_test.h).
 inline constexpr StowHold kOneFingerHold{1, 1.2, true};
 
-/// What the presenter remembers from one scene activation to the next: which host windows
-/// carry its two holds, which recognizers are strip-only, and whether the greeting has been
-/// scheduled. Objects are known by identity (their address) alone: nothing here keeps one
-/// alive. Main queue only.
+/// Where the overlay goes and which windows get the holds, as scenes come, go and are held.
+/// Nothing here is remembered between calls: the presenter passes the facts of the moment
+/// (the scene the overlay window is in, whether the panel is shown, which windows already
+/// carry a hold), read from the live objects, so that an address reused by a new object can
+/// never be mistaken for an old one. Scenes are known by identity (their address) only while
+/// both are alive. Main queue only.
 class StowAttachments {
  public:
   using Identity = const void*;
@@ -29,32 +35,66 @@ class StowAttachments {
   /// How long after the first attach the model greets the user, in seconds.
   static constexpr double kGreetDelay = 1.2;
 
-  /// One window of an activated scene.
-  struct SceneWindow {
-    Identity window = nullptr;
-    bool overlay = false;  ///< the presenter's own overlay window: never instrumented
+  /// The overlay window at the moment of a scene event.
+  struct Overlay {
+    Identity scene = nullptr;  ///< its scene; null when there is no window or its scene is gone
+    bool panelShown = false;   ///< whether the model's panel is shown (in that scene)
   };
 
-  /// Whether attaching `scene` makes a new overlay window: when there is none yet, when it has
-  /// lost its scene (`overlayScene` is the current window's scene; null for either), or when
-  /// it belongs to another scene. Otherwise the window is reused.
-  static bool needsOverlayWindow(Identity overlayScene, Identity scene);
+  /// What a scene event does to the overlay window.
+  enum class Placement {
+    ignore,    ///< nothing at all: the scene is not one the overlay serves
+    keep,      ///< the overlay window stays where it is
+    moveHere,  ///< a new overlay window is made in this scene, and the old one goes
+  };
 
-  /// The positions in `windows` (the scene's windows, in order) of those that get the two
-  /// holds now: neither an overlay window nor instrumented before. From now on they count as
-  /// instrumented, so that no window is instrumented twice however often its scene activates.
-  std::vector<std::size_t> instrument(const std::vector<SceneWindow>& windows);
+  /// A window scene became active. Only the app's own interactive scenes (session role
+  /// "application") are served: an external display or a screen shared to a TV never gets the
+  /// overlay. The overlay follows the last activated scene, except that it never moves while
+  /// the panel is shown in a scene still there: moving it would tear the panel down, with its
+  /// picker or share sheet.
+  static Placement activated(Identity scene, bool applicationRole, const Overlay& overlay);
 
-  /// Records `recognizer` as strip-only (kOneFingerHold).
-  void addStripRecognizer(Identity recognizer);
-  bool isStripRecognizer(Identity recognizer) const;
+  /// A hold was recognised in a window of `scene`: the panel opens in that scene, so the
+  /// overlay moves there first, unless the panel is shown already in a scene still there (the
+  /// hold then does nothing).
+  static Placement held(Identity scene, const Overlay& overlay);
+
+  /// A scene was disconnected (closed by the user, or let go by the system): whether it held
+  /// the overlay window, which then goes, and the panel with it, so that the next hold in a
+  /// scene still there opens the panel again.
+  static bool detaches(Identity scene, const Overlay& overlay);
+
+  /// One window of an activated scene.
+  struct SceneWindow {
+    bool overlay = false;       ///< the presenter's own overlay window: never given holds
+    bool carriesHolds = false;  ///< it carries the presenter's holds already
+  };
+
+  /// The positions in `windows` (the scene's windows, in order) of those that get the two holds
+  /// now: neither an overlay window nor carrying them already. A window is thus given them once
+  /// however often its scene activates, and windows that appear later get them at the next.
+  static std::vector<std::size_t> windowsToInstrument(const std::vector<SceneWindow>& windows);
+
+  /// A window of the overlay's scene, as the choice of the app's front window sees it.
+  struct HostWindow {
+    bool overlay = false;     ///< the presenter's overlay window
+    bool visible = false;     ///< shown (not hidden)
+    bool key = false;         ///< the scene's key window now
+    bool remembered = false;  ///< the app's key window from before the panel took key status
+  };
+
+  /// The position of the app's front window among `windows`: the one that was key before the
+  /// panel opened, while it is still shown; else the app's key window; else its first shown
+  /// window. It takes key status back when the panel closes, and the overlay asks it for the
+  /// status bar, the home indicator, deferred screen edges and orientations. None when the app
+  /// shows no window.
+  static std::optional<std::size_t> frontHostWindow(const std::vector<HostWindow>& windows);
 
   /// True the first time only: the first attach schedules the greeting, kGreetDelay later.
   bool scheduleGreeting();
 
  private:
-  std::unordered_set<Identity> watched_;
-  std::unordered_set<Identity> stripRecognizers_;
   bool greeted_ = false;
 };
 

@@ -7,6 +7,8 @@
 #include "backup/backup.h"
 #include "backup/inspection.h"
 #include "backup/staging.h"
+#include "base/files.h"
+#include "platform/platform.h"
 #include "startup/undo.h"
 
 namespace corvelstow {
@@ -45,6 +47,8 @@ std::shared_ptr<StowModel> StowModel::create(Environment environment) {
 StowModel::StowModel(Environment environment)
     : layout_(std::move(environment.layout)),
       app_(std::move(environment.app)),
+      // Read here, on the main queue: the platform's answer may not be had from the backup's.
+      deviceName_(platform::deviceName()),
       dispatcher_(environment.dispatcher),
       appControl_(environment.appControl) {
   settings_ = loadSettings(layout_);
@@ -171,16 +175,24 @@ void StowModel::runInBackground(std::function<Continuation()> job) {
 
 StowProgress StowModel::progressFor(const std::string& title) {
   std::weak_ptr<StowModel> weak = weak_from_this();
-  return [weak, title, &dispatcher = dispatcher_](double fraction, const std::string& detail) {
-    dispatcher.onMain([weak, title, fraction, detail] {
-      if (auto model = weak.lock()) {
-        model->publish(model->work_, Work::running(title, fraction, detail), Field::work);
-      }
-    });
+  progress_ = StowProgressRelay::create(
+      dispatcher_, [weak, title](double fraction, const std::string& detail) {
+        if (auto model = weak.lock()) {
+          model->publish(model->work_, Work::running(title, fraction, detail), Field::work);
+        }
+      });
+  return [relay = progress_](double fraction, const std::string& detail) {
+    relay->report(fraction, detail);
   };
 }
 
+void StowModel::finishProgress() {
+  if (progress_) progress_->finish();
+  progress_.reset();
+}
+
 void StowModel::fail(const std::string& message) {
+  finishProgress();
   publish(work_, Work::idle(), Field::work);
   publish(errorText_, std::optional<std::string>(message), Field::errorText);
 }
@@ -194,10 +206,13 @@ void StowModel::backUpWith(bool includeCaches,
   if (!work_.isIdle()) return;
   publish(errorText_, std::optional<std::string>(), Field::errorText);
   publish(work_, Work::running(kBackingUp, 0, "Starting"), Field::work);
-  runInBackground([layout = layout_, app = app_, includeCaches, progress = progressFor(kBackingUp),
+  runInBackground([layout = layout_, app = app_, device = deviceName_, includeCaches,
+                   progress = progressFor(kBackingUp),
                    completion = std::move(completion)]() -> Continuation {
-    std::filesystem::path archive = corvelstow::backUp(layout, app, includeCaches, progress);
+    std::filesystem::path archive =
+        corvelstow::backUp(layout, app, device, includeCaches, progress);
     return [archive, completion](StowModel& model) {
+      model.finishProgress();
       model.publish(model.work_, Work::idle(), Field::work);
       model.publish(model.lastExport_, std::optional<std::filesystem::path>(archive),
                     Field::lastExport);
@@ -208,14 +223,25 @@ void StowModel::backUpWith(bool includeCaches,
   });
 }
 
-void StowModel::chooseBackup(const std::filesystem::path& archive) {
+void StowModel::chooseBackup(const std::filesystem::path& archive, bool pickedCopy) {
   if (!work_.isIdle()) return;
   publish(errorText_, std::optional<std::string>(), Field::errorText);
-  runInBackground([archive]() -> Continuation {
-    StowManifest manifest = readManifest(archive);
-    return [archive, manifest](StowModel& model) {
+  runInBackground([archive, pickedCopy]() -> Continuation {
+    StowManifest manifest;
+    try {
+      manifest = readManifest(archive);
+    } catch (...) {
+      if (pickedCopy) files::removeAll(archive);
+      throw;
+    }
+    return [archive, manifest, pickedCopy](StowModel& model) {
+      // The copy behind the preview this one replaces is of no more use.
+      if (const auto& old = model.preview_; old && old->pickedCopy && old->url != archive) {
+        files::removeAll(old->url);
+      }
       // Every new preview starts from the widest choice.
-      model.publish(model.preview_, std::optional<Preview>(Preview{makeUuid(), archive, manifest}),
+      model.publish(model.preview_,
+                    std::optional<Preview>(Preview{makeUuid(), archive, manifest, pickedCopy}),
                     Field::preview);
       model.publish(model.scope_, StowRestoreScope::everything, Field::scope);
     };
@@ -232,15 +258,21 @@ void StowModel::prepareRestore() {
                    progress = progressFor(kPreparing)]() -> Continuation {
     stageRestore(layout, archive, scope, progress);
     return [](StowModel& model) {
+      model.finishProgress();
       model.publish(model.work_, Work::idle(), Field::work);
-      model.publish(model.preview_, std::optional<Preview>(), Field::preview);
+      model.endPreview();
       model.publish(model.pending_, readRecord<StowStagedRestore>(model.layout_.stagedRecord),
                     Field::pending);
     };
   });
 }
 
-void StowModel::cancelPreview() { publish(preview_, std::optional<Preview>(), Field::preview); }
+void StowModel::cancelPreview() { endPreview(); }
+
+void StowModel::endPreview() {
+  if (preview_ && preview_->pickedCopy) files::removeAll(preview_->url);
+  publish(preview_, std::optional<Preview>(), Field::preview);
+}
 
 // Closing the app
 

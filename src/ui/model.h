@@ -17,6 +17,7 @@
 #include "store/layout.h"
 #include "store/records.h"
 #include "ui/geometry.h"
+#include "ui/progress_relay.h"
 
 namespace corvelstow {
 
@@ -108,6 +109,7 @@ class StowModel : public std::enable_shared_from_this<StowModel> {
     std::string id;  ///< a fresh random UUID, so that each preview is a new identity to a view
     std::filesystem::path url;  ///< the chosen archive
     StowManifest manifest;
+    bool pickedCopy = false;  ///< `url` is the document picker's copy, removed with the preview
 
     bool operator==(const Preview&) const = default;
   };
@@ -147,7 +149,8 @@ class StowModel : public std::enable_shared_from_this<StowModel> {
   static constexpr double kCloseDelay = 0.4;
 
   /// Creation: reads settings.json, staged.json, previous.json and outcome.json (a missing or
-  /// undecodable file leaves the default: the default settings, or no record).
+  /// undecodable file leaves the default: the default settings, or no record), and the
+  /// device's name for the backups' manifests (on the main queue, where the platform gives it).
   static std::shared_ptr<StowModel> create(Environment environment);
 
   StowModel(const StowModel&) = delete;
@@ -216,8 +219,11 @@ class StowModel : public std::enable_shared_from_this<StowModel> {
                   std::function<void(const std::filesystem::path&)> completion = {});
 
   /// Reads the manifest of `archive` in the background: a preview on success (the scope back
-  /// to everything), errorText on failure. Nothing while work runs.
-  void chooseBackup(const std::filesystem::path& archive);
+  /// to everything), errorText on failure. Nothing while work runs. A `pickedCopy` is the
+  /// document picker's copy of the user's file, made for the app in its temporary folder: it
+  /// is removed as soon as it is of no more use (not a backup; or its preview cancelled,
+  /// replaced by another, or staged), so that no picked backup stays behind at full size.
+  void chooseBackup(const std::filesystem::path& archive, bool pickedCopy = false);
 
   void setScope(StowRestoreScope scope);
 
@@ -258,10 +264,13 @@ class StowModel : public std::enable_shared_from_this<StowModel> {
   void changeSettings(const std::function<void(StowSettings&)>& change);
   void runInBackground(std::function<Continuation()> job);
   StowProgress progressFor(const std::string& title);
+  void finishProgress();
   void fail(const std::string& message);
+  void endPreview();
 
   StowLayout layout_;
   StowHostApp app_;
+  std::string deviceName_;
   platform::Dispatcher& dispatcher_;
   platform::AppControl& appControl_;
 
@@ -280,6 +289,7 @@ class StowModel : public std::enable_shared_from_this<StowModel> {
 
   StowRect pillFrame_;
   std::shared_ptr<platform::DelayedTask> hideTask_;
+  std::shared_ptr<StowProgressRelay> progress_;  ///< the running work's progress
   std::vector<std::pair<int, Observer>> observers_;
   int nextToken_ = 0;
 };

@@ -199,4 +199,23 @@ StowPanelContent panelContent(const StowModel& model, const platform::Formatters
   return PanelBuilder(model, formatters, now).build();
 }
 
+std::optional<std::vector<StowRowPosition>> changedRows(const StowPanelContent& before,
+                                                        const StowPanelContent& after) {
+  if (before.sections.size() != after.sections.size()) return std::nullopt;
+  std::vector<StowRowPosition> changed;
+  for (std::size_t s = 0; s < after.sections.size(); ++s) {
+    const Content::Section& old = before.sections[s];
+    const Content::Section& now = after.sections[s];
+    if (old.kind != now.kind || old.title != now.title || old.symbol != now.symbol ||
+        old.rows.size() != now.rows.size()) {
+      return std::nullopt;
+    }
+    for (std::size_t r = 0; r < now.rows.size(); ++r) {
+      if (old.rows[r].index() != now.rows[r].index()) return std::nullopt;
+      if (old.rows[r] != now.rows[r]) changed.push_back({s, r});
+    }
+  }
+  return changed;
+}
+
 }  // namespace corvelstow

@@ -128,4 +128,18 @@ struct StowPanelContent {
 StowPanelContent panelContent(const StowModel& model, const platform::Formatters& formatters,
                               StowDate now);
 
+/// A row of the panel: its section's position, and its own within the section.
+struct StowRowPosition {
+  std::size_t section = 0;
+  std::size_t row = 0;
+  bool operator==(const StowRowPosition&) const = default;
+};
+
+/// The rows whose contents differ from `before` to `after` when nothing else changed (the same
+/// sections with the same headings, the same number of rows of the same kinds), so that a view
+/// updates just those in place, as the progress row while work runs, and a reader's focus
+/// stays where it is. Nothing when the panel's shape changed: it is then drawn anew.
+std::optional<std::vector<StowRowPosition>> changedRows(const StowPanelContent& before,
+                                                        const StowPanelContent& after);
+
 }  // namespace corvelstow

@@ -28,9 +28,8 @@ class BackupTest : public ::testing::Test {
   std::vector<Report> reports;
 
   fs::path backUp(bool includeCaches = false) {
-    return corvelstow::backUp(layout, app, includeCaches, [&](double f, const std::string& d) {
-      reports.push_back({f, d});
-    });
+    return corvelstow::backUp(layout, app, "Ada's iPhone", includeCaches,
+                              [&](double f, const std::string& d) { reports.push_back({f, d}); });
   }
 
   static std::vector<std::string> names(const fs::path& archive) {
@@ -93,7 +92,7 @@ TEST_F(BackupTest, ArchivesTheContainerInItsOrderWithItsExclusions) {
   EXPECT_EQ(manifest.appVersion, "2.4");
   EXPECT_EQ(manifest.includedPaths, (std::vector<std::string>{"Documents", "Library"}));
   EXPECT_EQ(manifest.kind, "manual");
-  EXPECT_TRUE(manifest.deviceName);
+  EXPECT_EQ(manifest.deviceName, "Ada's iPhone");
   EXPECT_FALSE(manifest.teamIdentifier);
   EXPECT_FALSE(manifest.signerIdentity);
 

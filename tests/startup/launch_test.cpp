@@ -171,6 +171,27 @@ TEST_F(LaunchTest, UndoRunsBeforeANewlyStagedRestore) {
   expectStagingCleared();
 }
 
+// The system may load the app before the device's first unlock, when its files cannot be read
+// yet: an undo and a restore that wait are left, whole, for the launch after.
+TEST_F(LaunchTest, LeavesWhatWaitsForALaunchThatCanReadTheFiles) {
+  stage(StowRestoreScope::everything);
+  ASSERT_EQ(launch().exitCode, 0);
+  ASSERT_EQ(testing::runCommand({"--home", layout.home.string(), "undo"}).exitCode, 0);
+  stage(StowRestoreScope::documents);
+  const Tree before = readTree(layout.home);
+
+  auto locked = launch({{"LD_PRELOAD", CORVELSTOW_LOCK_FAULT},
+                        {"CORVELSTOW_LOCKED_FOLDER", layout.home.string()}});
+  ASSERT_EQ(locked.exitCode, 0) << locked.err;
+  EXPECT_EQ(readTree(layout.home), before);
+
+  ASSERT_EQ(launch().exitCode, 0);
+  EXPECT_FALSE(fs::exists(layout.undoRequest));
+  EXPECT_EQ(outcome()->message, "Restored documents from Notes.");
+  EXPECT_EQ(readFile(layout.library / "Application Support/db"), "live db");  // undone
+  expectStagingCleared();
+}
+
 // A launch killed at each rename in turn (of the swap, its journal, its records and settings),
 // then launched again, ends exactly as a launch that was never killed: the backup's data live,
 // every pre-restore file in Previous. Likewise for the launch that performs an undo, which

@@ -1,42 +1,76 @@
-// What the presenter remembers between scene activations: the overlay window, the instrumented
-// host windows, the strip-only recognizers and the one greeting.
+// Where the overlay goes as scenes come, go and are held; which windows get the holds; which
+// window is the app's front window; and the one greeting.
 
 #include "ui/attachments.h"
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 namespace corvelstow {
 namespace {
 
-// Distinct identities, as the addresses of objects would be.
-const int kObjects[5] = {};
-const void* const sceneA = &kObjects[0];
-const void* const sceneB = &kObjects[1];
-const void* const host1 = &kObjects[2];
-const void* const host2 = &kObjects[3];
-const void* const overlay = &kObjects[4];
+using Placement = StowAttachments::Placement;
+using Overlay = StowAttachments::Overlay;
 
-TEST(AttachmentsTest, TheOverlayWindowIsReusedForItsOwnSceneOnly) {
-  EXPECT_TRUE(StowAttachments::needsOverlayWindow(nullptr, sceneA));  // none yet, or no scene
-  EXPECT_FALSE(StowAttachments::needsOverlayWindow(sceneA, sceneA));
-  EXPECT_TRUE(StowAttachments::needsOverlayWindow(sceneA, sceneB));
+// Distinct identities, as the addresses of live scenes would be.
+const int kScenes[2] = {};
+const void* const sceneA = &kScenes[0];
+const void* const sceneB = &kScenes[1];
+
+TEST(AttachmentsTest, TheOverlayFollowsActivatedAppScenesButNeverMovesUnderAShownPanel) {
+  // The scene activated, its role, the overlay as it is, and what happens.
+  const std::vector<std::tuple<const char*, bool, Overlay, Placement>> cases{
+      {"first app scene", true, {}, Placement::moveHere},
+      {"the overlay's own scene again", true, {sceneA, false}, Placement::keep},
+      {"another app scene (iPad)", true, {sceneB, false}, Placement::moveHere},
+      {"another scene while the panel is shown", true, {sceneB, true}, Placement::keep},
+      {"the panel's scene is gone", true, {nullptr, true}, Placement::moveHere},
+      {"an external display", false, {}, Placement::ignore},
+      {"an external display, overlay elsewhere", false, {sceneB, false}, Placement::ignore},
+  };
+  for (const auto& [name, applicationRole, overlay, expected] : cases) {
+    EXPECT_EQ(StowAttachments::activated(sceneA, applicationRole, overlay), expected) << name;
+  }
 }
 
-TEST(AttachmentsTest, EachHostWindowIsInstrumentedOnceTheOverlayNeverAndTheGreetingOnce) {
+TEST(AttachmentsTest, AHoldOpensThePanelInItsOwnSceneAndADisconnectTakesTheOverlayAlong) {
+  EXPECT_EQ(StowAttachments::held(sceneA, {sceneA, false}), Placement::keep);
+  EXPECT_EQ(StowAttachments::held(sceneA, {sceneB, false}), Placement::moveHere);
+  EXPECT_EQ(StowAttachments::held(sceneA, {nullptr, false}), Placement::moveHere);
+  EXPECT_EQ(StowAttachments::held(sceneA, {sceneB, true}), Placement::keep);  // already open
+  EXPECT_EQ(StowAttachments::held(sceneA, {nullptr, true}), Placement::moveHere);
+
+  EXPECT_TRUE(StowAttachments::detaches(sceneA, {sceneA, true}));
+  EXPECT_FALSE(StowAttachments::detaches(sceneA, {sceneB, true}));
+  EXPECT_FALSE(StowAttachments::detaches(sceneA, {nullptr, false}));
+}
+
+TEST(AttachmentsTest, HoldsGoOnHostWindowsThatLackThemAndTheGreetingIsScheduledOnce) {
+  using W = StowAttachments::SceneWindow;
+  EXPECT_EQ(StowAttachments::windowsToInstrument({W{}, W{true, false}, W{false, true}, W{}}),
+            (std::vector<std::size_t>{0, 3}));
+  EXPECT_TRUE(StowAttachments::windowsToInstrument({W{true, false}, W{false, true}}).empty());
+
   StowAttachments attachments;
-  EXPECT_EQ(attachments.instrument({{host1}, {overlay, true}, {host1}}),
-            (std::vector<std::size_t>{0}));
-  // A window that appeared since is picked up at the next activation, at its place in the scene.
-  EXPECT_EQ(attachments.instrument({{overlay, true}, {host2}, {host1}}),
-            (std::vector<std::size_t>{1}));
-  EXPECT_TRUE(attachments.instrument({{host1}, {host2}}).empty());
-
-  attachments.addStripRecognizer(host1);
-  EXPECT_TRUE(attachments.isStripRecognizer(host1));
-  EXPECT_FALSE(attachments.isStripRecognizer(host2));
-
   EXPECT_TRUE(attachments.scheduleGreeting());
   EXPECT_FALSE(attachments.scheduleGreeting());
+}
+
+TEST(AttachmentsTest, TheFrontWindowIsTheOneKeyBeforeThePanelElseTheKeyElseTheFirstShown) {
+  using H = StowAttachments::HostWindow;
+  const H overlay{true, true, true, false}, hidden{false, false, true, true};
+  const H shown{false, true, false, false}, key{false, true, true, false};
+  const H remembered{false, true, false, true};
+  const std::vector<std::tuple<const char*, std::vector<H>, std::optional<std::size_t>>> cases{
+      {"remembered", {overlay, shown, key, remembered}, 3},
+      {"remembered but hidden", {overlay, hidden, shown, key}, 3},
+      {"no key host window", {overlay, hidden, shown, shown}, 2},
+      {"only the overlay", {overlay, hidden}, std::nullopt},
+  };
+  for (const auto& [name, windows, expected] : cases) {
+    EXPECT_EQ(StowAttachments::frontHostWindow(windows), expected) << name;
+  }
 }
 
 }  // namespace

@@ -128,12 +128,9 @@ TEST_F(ModelTest, BackUpReportsProgressInOrderAndNothingElseStartsWhileItRuns) {
   model->prepareRestore();  // nor without a preview
   EXPECT_EQ(dispatcher.backgroundWaiting(), 1u);
   dispatcher.settle();
+  // The reports made while the main queue was busy reach it as one, the latest.
   const std::string title = "Backing up";
   EXPECT_EQ(workSeen, (std::vector<Work>{Work::running(title, 0, "Starting"),
-                                         Work::running(title, 0, "Looking through the app's data"),
-                                         Work::running(title, 1.0 / 20, "1 of 20 files"),
-                                         Work::running(title, 9.0 / 20, "9 of 20 files"),
-                                         Work::running(title, 17.0 / 20, "17 of 20 files"),
                                          Work::running(title, 1, "20 of 20 files"), Work::idle()}));
   ASSERT_TRUE(shared);
   EXPECT_EQ(model->lastExport(), shared);
@@ -197,14 +194,92 @@ TEST_F(ModelTest, AChosenBackupIsPreviewedAfreshThenStagedInTheChosenScopeWithPr
   dispatcher.settle();
   const std::string title = "Preparing the restore";
   EXPECT_EQ(workSeen, (std::vector<Work>{Work::running(title, 0, "Unpacking"),
-                                         Work::running(title, 8.0 / 17, "8 of 17 files"),
-                                         Work::running(title, 16.0 / 17, "16 of 17 files"),
                                          Work::running(title, 1, "17 of 17 files"), Work::idle()}));
   EXPECT_FALSE(model->preview());
   ASSERT_TRUE(model->pending());
   EXPECT_EQ(model->pending(), readRecord<StowStagedRestore>(layout.stagedRecord));
   EXPECT_EQ(model->pending()->scope, StowRestoreScope::documents);
   EXPECT_FALSE(fs::exists(layout.staged / "Library"));
+}
+
+TEST_F(ModelTest, APickedCopyGoesWhenItsPreviewEndsAndTheUsersOwnFileStays) {
+  const fs::path archive = makeBackup(app, {{"Documents/a.txt", "a"}});
+  // The document picker's copies, in the app's temporary Inbox folder.
+  auto picked = [&](const std::string& name, const std::optional<std::string>& contents = {}) {
+    fs::path copy = folder / "tmp/com.example.notes-Inbox" / name;
+    fs::create_directories(copy.parent_path());
+    if (contents) {
+      writeFile(copy, *contents);
+    } else {
+      fs::copy_file(archive, copy);
+    }
+    return copy;
+  };
+  auto choose = [&](const fs::path& file, bool pickedCopy) {
+    model->chooseBackup(file, pickedCopy);
+    dispatcher.settle();
+  };
+
+  const fs::path first = picked("first.corvelappdata"), second = picked("second.corvelappdata");
+  choose(first, true);
+  EXPECT_TRUE(fs::exists(first));
+  choose(second, true);  // replaces the first preview
+  EXPECT_FALSE(fs::exists(first));
+  model->cancelPreview();
+  EXPECT_FALSE(fs::exists(second));
+
+  const fs::path notABackup = picked("notes.txt", "not a backup");
+  choose(notABackup, true);
+  EXPECT_TRUE(model->errorText());
+  EXPECT_FALSE(fs::exists(notABackup));
+
+  const fs::path staged = picked("staged.corvelappdata");
+  choose(staged, true);
+  model->prepareRestore();
+  dispatcher.settle();
+  EXPECT_TRUE(model->pending());
+  EXPECT_FALSE(fs::exists(staged));
+
+  choose(archive, false);  // a file named on the command line
+  model->cancelPreview();
+  choose(archive, false);
+  model->prepareRestore();
+  dispatcher.settle();
+  EXPECT_TRUE(model->pending());
+  EXPECT_TRUE(fs::exists(archive));
+}
+
+TEST(ProgressRelayTest, DeliversTheLatestReportAtMostEveryIntervalAndTheLastAlways) {
+  testing::ManualDispatcher dispatcher;
+  std::vector<std::pair<std::string, double>> delivered;  // the detail, and when
+  auto relay = StowProgressRelay::create(dispatcher, [&](double, const std::string& detail) {
+    delivered.emplace_back(detail, dispatcher.now());
+  });
+  using Delivered = std::vector<std::pair<std::string, double>>;
+
+  relay->report(0.1, "1");
+  relay->report(0.2, "2");  // one delivery waits on the main queue; it takes the latest
+  dispatcher.advance(0);
+  EXPECT_EQ(delivered, (Delivered{{"2", 0}}));
+  relay->report(0.3, "3");
+  relay->report(0.4, "4");
+  dispatcher.advance(0.04);  // too soon after the last
+  EXPECT_EQ(delivered.size(), 1u);
+  dispatcher.advance(0.02);
+  EXPECT_EQ(delivered, (Delivered{{"2", 0}, {"4", StowProgressRelay::kInterval}}));
+  dispatcher.advance(1);  // the pause ends with nothing new
+  relay->report(0.5, "5");
+  dispatcher.advance(0);
+  relay->report(0.6, "6");
+  relay->finish();  // the work is done: its last report is not held back by the pause
+  relay->report(0.7, "too late");
+  dispatcher.advance(1);
+  const double then = 1.06;
+  EXPECT_EQ(delivered.size(), 4u);
+  EXPECT_EQ(delivered[2].first, "5");
+  EXPECT_DOUBLE_EQ(delivered[2].second, then);
+  EXPECT_EQ(delivered[3].first, "6");
+  EXPECT_DOUBLE_EQ(delivered[3].second, then);
 }
 
 TEST_F(ModelTest, ClosingSuspendsAtOnceAndEndsTheProcessLaterAndUndoNeedsAPreviousRestore) {

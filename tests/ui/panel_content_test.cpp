@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include "model_fixture.h"
-#include "platform/platform.h"
 #include "platform/posix/icu_formatters.h"
 
 namespace corvelstow {
@@ -76,11 +75,22 @@ TEST_F(PanelContentTest, TheFirstRunShowsTheAppTheWayToBackUpAndTheOptions) {
 }
 
 TEST_F(PanelContentTest, WorkDisablesTheActionsAndABackupOffersItsExport) {
+  const C idle = panelContent(*model, format, now);
   model->backUp();
   EXPECT_EQ(section(Kind::work).rows, (Rows{C::Progress{"Backing up", 0, "Starting"}}));
   C::Button backUp = kBackUp, restore = kRestore;
   backUp.enabled = restore.enabled = false;
   EXPECT_EQ(section(Kind::appData).rows, (Rows{kNotBackedUp, backUp, restore}));
+
+  // While the work runs only its progress row changes, in place; its start and end reshape.
+  const C started = panelContent(*model, format, now);
+  EXPECT_FALSE(changedRows(idle, started));
+  EXPECT_EQ(changedRows(started, started), std::vector<StowRowPosition>{});
+  C later = started;
+  std::get<C::Progress>(later.sections[2].rows[0]).fraction = 0.5;
+  EXPECT_EQ(changedRows(started, later), (std::vector<StowRowPosition>{{2, 0}}));
+  later.sections[2].rows[0] = C::Text{"a row of another kind", ""};
+  EXPECT_FALSE(changedRows(started, later));
   dispatcher.settle();
   now = *model->settings().lastBackupAt + std::chrono::minutes(5);
   EXPECT_EQ(section(Kind::work).title, "absent");
@@ -104,7 +114,7 @@ TEST_F(PanelContentTest, APreviewReplacesTheActionsBelowAFailureOrTheWorkAndAbov
       {C::Value{"From", "Other"}, C::Value{"Bundle ID", "com.other.app"},
        C::Value{"App version", "3.0"},
        C::Value{"Taken", format.dateAndTime(taken) + " (2 days ago)"},
-       C::Value{"Device", platform::deviceName()}, C::Value{"Holds", "1 files, 3 bytes"},
+       C::Value{"Device", "Ada's iPhone"}, C::Value{"Holds", "1 files, 3 bytes"},
        C::Text{"This backup is from Other. Its settings will be renamed to this app's id.", "",
                Style::note},
        C::Choice{StowRestoreScope::everything, "Everything",

@@ -14,9 +14,11 @@ class Formatters;
 NS_ASSUME_NONNULL_BEGIN
 
 /// The overlay window's root: its view is the overlay with the pill (StowOverlay), and while
-/// the model's panelShown holds it presents the panel (StowPanel) as a sheet. Holds the model
-/// strongly. The status bar and the orientations are the app's own: it asks the app's
-/// frontmost controller for them.
+/// the model's panelShown holds it presents the panel (StowPanel) as a sheet, with the app's
+/// keyboard put away and the overlay as the key window, which hands key status back to the
+/// app's window when the panel closes. Holds the model strongly. The status bar, the home
+/// indicator, the deferred screen edges and the orientations are the app's own: it asks the
+/// controller in front of the app's window, down the chain of children that decide each.
 @interface StowHostController : UIViewController
 
 /// `formatters` must outlive the controller.

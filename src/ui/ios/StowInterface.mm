@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <optional>
 #include <variant>
+#include <vector>
 
 #include "base/dates.h"
 #include "platform/apple/foundation_bridge.h"
@@ -269,14 +270,31 @@ NSString* const kSectionHeader = @"section";
 
 #pragma mark - Content
 
-// Asks the engine for the panel again and draws it.
+// Asks the engine for the panel again and draws what changed: only the rows whose contents
+// changed when that is all (the progress row while work runs), so that the cells stay and a
+// VoiceOver user's focus with them; otherwise the whole table.
 - (void)reload {
-  apple::catchingAll([self] {
-    _content = corvelstow::panelContent(*_model, *_formatters, corvelstow::currentDate());
+  std::optional<std::vector<corvelstow::StowRowPosition>> changed;
+  apple::catchingAll([self, &changed] {
+    Content content = corvelstow::panelContent(*_model, *_formatters, corvelstow::currentDate());
+    changed = corvelstow::changedRows(_content, content);
+    _content = std::move(content);
   });
   self.navigationItem.title = textFrom(_content.title);
   self.doneButton.title = textFrom(_content.doneLabel);
-  if (self.isViewLoaded) [self.tableView reloadData];
+  if (!self.isViewLoaded) return;
+  UITableView* table = self.tableView;
+  if (!changed || table.window == nil || table.hasUncommittedUpdates) {
+    [table reloadData];
+    return;
+  }
+  if (changed->empty()) return;
+  NSMutableArray<NSIndexPath*>* rows = [NSMutableArray arrayWithCapacity:changed->size()];
+  for (const corvelstow::StowRowPosition& position : *changed) {
+    [rows addObject:[NSIndexPath indexPathForRow:static_cast<NSInteger>(position.row)
+                                       inSection:static_cast<NSInteger>(position.section)]];
+  }
+  [table reconfigureRowsAtIndexPaths:rows];
 }
 
 - (const Content::Row*)rowAt:(NSIndexPath*)indexPath {
@@ -519,6 +537,15 @@ NSString* const kSectionHeader = @"section";
   std::abort();
 }
 
+#pragma mark - Orientations
+
+// The panel turns as the app does: its presenter asks the app.
+- (UIInterfaceOrientationMask)supportedInterfaceOrientations {
+  UIViewController* presenter = self.presentingViewController;
+  return presenter != nil ? presenter.supportedInterfaceOrientations
+                          : [super supportedInterfaceOrientations];
+}
+
 #pragma mark - The document picker
 
 - (void)pickBackup {
@@ -535,10 +562,14 @@ NSString* const kSectionHeader = @"section";
   self.picking = NO;
   self.picker = nil;
   if (location == nil) return;
-  apple::rememberPickedFile(location);
-  std::optional<std::filesystem::path> path = apple::pathFrom(location.path);
-  if (!path) return;
-  apple::catchingAll([self, &path] { _model->chooseBackup(*path); });
+  apple::catchingAll([self, location] {
+    apple::rememberPickedFile(location);
+    // The picker opened a copy of the user's file for the app (asCopy): the model removes it
+    // once it is of no more use.
+    if (std::optional<std::filesystem::path> path = apple::pathFrom(location.path)) {
+      _model->chooseBackup(*path, true);
+    }
+  });
 }
 
 #pragma mark - The share sheet

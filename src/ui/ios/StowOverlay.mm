@@ -302,7 +302,8 @@ UIViewPropertyAnimator* _Nullable animate(const StowAnimation& animation, void (
 
 - (void)pillChanged:(const StowAnimation&)animation {
   std::optional<StowPillContent> content = corvelstow::pillContent(_model->pill());
-  [_animator stopAnimation:YES];
+  // Only an animation still under way can be stopped; one that has finished is left alone.
+  if (_animator.state == UIViewAnimatingStateActive) [_animator stopAnimation:YES];
   _animator = nil;
   _shown = content.has_value();
   StowPillCard* pill = _pill;

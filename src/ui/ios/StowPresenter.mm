@@ -18,6 +18,7 @@
 
 using corvelstow::StowAttachments;
 using corvelstow::StowModel;
+using Placement = StowAttachments::Placement;
 namespace apple = corvelstow::platform::apple;
 
 namespace {
@@ -25,6 +26,30 @@ namespace {
 StowAttachments::Identity identity(id _Nullable object) { return (__bridge const void*)object; }
 
 }  // namespace
+
+#pragma mark - StowHoldRecognizer
+
+/// A hold that opens the panel. The recognizer carries what it is, so that nothing has to be
+/// remembered about it elsewhere: a window carries the holds when one of its recognizers is one.
+@interface StowHoldRecognizer : UILongPressGestureRecognizer
+@property(nonatomic) corvelstow::StowHold hold;
+@end
+
+@implementation StowHoldRecognizer
+@end
+
+namespace {
+
+bool carriesHolds(UIWindow* window) {
+  for (UIGestureRecognizer* recognizer in window.gestureRecognizers) {
+    if ([recognizer isKindOfClass:StowHoldRecognizer.class]) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+#pragma mark - StowPresenter
 
 @interface StowPresenter () {
   /// The queues, formatters and app control that the model and the panel work with; they
@@ -35,13 +60,15 @@ StowAttachments::Identity identity(id _Nullable object) { return (__bridge const
   /// The panel model, for the life of the process; null when it could not be made (no app
   /// container), and then the presenter shows nothing.
   std::shared_ptr<StowModel> _model;
-  /// The host windows that carry the holds (`watched`), the strip-only recognizers
-  /// (`stripRecognizers`) and whether the greeting is scheduled.
+  /// Whether the greeting is scheduled.
   StowAttachments _attachments;
 }
 
-/// The overlay window, made at the first attach and again when the scene changes.
+/// The overlay window, made at the first attach and again when it moves to another scene.
 @property(nonatomic, nullable) StowWindow* window;
+
+/// The scene the overlay window was made for, while that scene exists.
+@property(nonatomic, weak, nullable) UIWindowScene* overlayScene;
 
 @end
 
@@ -67,17 +94,29 @@ StowAttachments::Identity identity(id _Nullable object) { return (__bridge const
       return StowModel::create({corvelstow::StowLayout::shared(), corvelstow::StowHostApp::shared(),
                                 *_dispatcher, *_appControl});
     });
+    // The presenter lives as long as the process: the observation is never removed.
+    [NSNotificationCenter.defaultCenter addObserver:self
+                                           selector:@selector(sceneDidDisconnect:)
+                                               name:UISceneDidDisconnectNotification
+                                             object:nil];
   }
   return self;
 }
 
-#pragma mark - Attach
+#pragma mark - Scenes
+
+// The overlay window as the attach rules see it now.
+- (StowAttachments::Overlay)overlay {
+  return {identity(self.window != nil ? self.overlayScene : nil), _model && _model->panelShown()};
+}
 
 - (void)attachScene:(UIWindowScene*)scene {
   if (!_model) return;
-  if (StowAttachments::needsOverlayWindow(identity(self.window.windowScene), identity(scene))) {
-    [self makeWindowForScene:scene];
-  }
+  // An external display, or a screen shown on a TV, is no scene of the app's own to serve.
+  BOOL application = [scene.session.role isEqualToString:UIWindowSceneSessionRoleApplication];
+  Placement placement = StowAttachments::activated(identity(scene), application, self.overlay);
+  if (placement == Placement::ignore) return;
+  if (placement == Placement::moveHere) [self makeWindowForScene:scene];
   [self instrumentWindowsOfScene:scene];
   if (_attachments.scheduleGreeting()) {
     std::weak_ptr<StowModel> model = _model;
@@ -85,6 +124,14 @@ StowAttachments::Identity identity(id _Nullable object) { return (__bridge const
       if (auto greeted = model.lock()) greeted->greet();
     });
   }
+}
+
+- (void)sceneDidDisconnect:(NSNotification*)notification {
+  if (!StowAttachments::detaches(identity(notification.object), self.overlay)) return;
+  // The overlay goes with its scene, and the panel with it: the next hold opens it elsewhere.
+  self.window.hidden = YES;
+  self.window = nil;
+  if (_model) apple::catchingAll([self] { _model->closePanel(); });
 }
 
 - (void)makeWindowForScene:(UIWindowScene*)scene {
@@ -98,6 +145,7 @@ StowAttachments::Identity identity(id _Nullable object) { return (__bridge const
   window.hidden = NO;
   self.window.hidden = YES;
   self.window = window;
+  self.overlayScene = scene;
 }
 
 - (void)instrumentWindowsOfScene:(UIWindowScene*)scene {
@@ -105,25 +153,24 @@ StowAttachments::Identity identity(id _Nullable object) { return (__bridge const
   std::vector<StowAttachments::SceneWindow> listed;
   listed.reserve(windows.count);
   for (UIWindow* window in windows) {
-    listed.push_back({identity(window), [window isKindOfClass:StowWindow.class]});
+    listed.push_back(
+        {static_cast<bool>([window isKindOfClass:StowWindow.class]), carriesHolds(window)});
   }
-  for (std::size_t position : _attachments.instrument(listed)) {
-    UIWindow* window = windows[position];
+  for (std::size_t position : StowAttachments::windowsToInstrument(listed)) {
     for (const corvelstow::StowHold& hold :
          {corvelstow::kThreeFingerHold, corvelstow::kOneFingerHold}) {
-      UILongPressGestureRecognizer* recognizer = [self recognizerFor:hold];
-      [window addGestureRecognizer:recognizer];
-      if (hold.stripOnly) _attachments.addStripRecognizer(identity(recognizer));
+      [windows[position] addGestureRecognizer:[self recognizerFor:hold]];
     }
   }
 }
 
-- (UILongPressGestureRecognizer*)recognizerFor:(const corvelstow::StowHold&)hold {
-  UILongPressGestureRecognizer* recognizer =
-      [[UILongPressGestureRecognizer alloc] initWithTarget:self action:@selector(pressed:)];
+- (StowHoldRecognizer*)recognizerFor:(const corvelstow::StowHold&)hold {
+  StowHoldRecognizer* recognizer = [[StowHoldRecognizer alloc] initWithTarget:self
+                                                                       action:@selector(pressed:)];
+  recognizer.hold = hold;
   recognizer.numberOfTouchesRequired = static_cast<NSUInteger>(hold.touches);
   recognizer.minimumPressDuration = hold.seconds;
-  recognizer.cancelsTouchesInView = NO;
+  recognizer.cancelsTouchesInView = hold.cancelsTouchesInView;
   recognizer.delegate = self;
   return recognizer;
 }
@@ -136,6 +183,11 @@ StowAttachments::Identity identity(id _Nullable object) { return (__bridge const
   recognizer.enabled = NO;
   recognizer.enabled = YES;
   if (!_model) return;
+  // The panel opens in the scene that was held, not wherever the overlay was last.
+  UIWindowScene* scene = recognizer.view.window.windowScene;
+  if (scene != nil && StowAttachments::held(identity(scene), self.overlay) == Placement::moveHere) {
+    [self makeWindowForScene:scene];
+  }
   apple::catchingAll([self] { _model->openPanel(); });
 }
 
@@ -148,7 +200,9 @@ StowAttachments::Identity identity(id _Nullable object) { return (__bridge const
     inWindow =
         corvelstow::StowWindowTouch{window.safeAreaInsets.top, [touch locationInView:window].y};
   }
-  return corvelstow::holdTakesTouch(_attachments.isStripRecognizer(identity(recognizer)), inWindow);
+  BOOL stripOnly = [recognizer isKindOfClass:StowHoldRecognizer.class] &&
+                   ((StowHoldRecognizer*)recognizer).hold.stripOnly;
+  return corvelstow::holdTakesTouch(stripOnly, inWindow);
 }
 
 - (BOOL)gestureRecognizer:(UIGestureRecognizer*)recognizer

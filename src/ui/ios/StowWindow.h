@@ -12,7 +12,8 @@ NS_ASSUME_NONNULL_BEGIN
 
 /// The overlay window: transparent, above the app's alerts, and in the way of touches only
 /// where the engine's hit test (overlayTakesPoint) puts the overlay: around the pill, or
-/// everywhere while the panel is presented. It holds no policy of its own.
+/// everywhere while the panel is presented. It can become the key window only while the panel
+/// is presented. It holds no policy of its own.
 @interface StowWindow : UIWindow
 
 /// The panel model, held weakly: the presenter owns it.

@@ -9,6 +9,14 @@
 
 @implementation StowWindow
 
+#pragma mark - Key status
+
+// Only the panel takes the keyboard and key commands: otherwise the app's own window stays key,
+// and the app's casts of its key window's root controller keep working.
+- (BOOL)canBecomeKeyWindow {
+  return self.rootViewController.presentedViewController != nil;
+}
+
 #pragma mark - Hit test
 
 - (BOOL)pointInside:(CGPoint)point withEvent:(nullable UIEvent*)event {
