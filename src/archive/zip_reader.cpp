@@ -37,6 +37,18 @@ void writeAll(int fd, std::string_view bytes, const std::string& entryPath) {
 
 }  // namespace
 
+bool isSafeEntryPath(std::string_view path) {
+  if (path.empty() || path.front() == '/' || path.find('\\') != std::string_view::npos) {
+    return false;
+  }
+  for (std::size_t start = 0; start <= path.size();) {
+    const std::size_t end = std::min(path.find('/', start), path.size());
+    if (path.substr(start, end - start) == "..") return false;
+    start = end + 1;
+  }
+  return true;
+}
+
 StowZipReader::StowZipReader(const fs::path& location) : location_(location) {
   fd_.reset(::open(location.c_str(), O_RDONLY | O_CLOEXEC));
   if (!fd_) throwFileError("open", location);
@@ -135,6 +147,7 @@ void StowZipReader::readDirectory() {
     item.compressedSize = extent.compressedSize;
     item.size = extent.size;
     item.headerOffset = extent.localHeaderOffset;
+    if (zip::madeOnUnix(header->versionMadeBy)) item.mode = header->externalAttributes >> 16;
     items_.push_back(std::move(item));
   }
 }

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "archive/deflate_stream.h"
@@ -19,7 +20,12 @@ struct StowZipItem {
   std::uint64_t compressedSize = 0;
   std::uint64_t size = 0;
   std::uint64_t headerOffset = 0;  ///< of the entry's local header
+  std::uint16_t mode = 0;  ///< Unix type and permission bits, when made on a Unix host; else 0
 };
+
+/// Whether an entry's path may be unpacked below a folder: not empty, not absolute, no ".."
+/// piece, and no backslash, which some unpackers read as a separator.
+bool isSafeEntryPath(std::string_view path);
 
 /// Reads a ZIP archive whose entries are stored or deflated, Zip64 records included. Nothing is
 /// unpacked without its CRC-32 being checked. Move-only; the destructor closes the file.

@@ -87,7 +87,8 @@ void StowZipWriter::addDirectory(std::string_view name, StowDate date) {
   written_.push_back(std::move(entry));
 }
 
-void StowZipWriter::addFile(const fs::path& file, std::string_view name) {
+void StowZipWriter::addFile(const fs::path& file, std::string_view name,
+                            std::uint16_t permissions) {
   struct stat info {};
   if (::stat(file.c_str(), &info) != 0) throwFileError("read the attributes of", file);
   const auto size = static_cast<std::uint64_t>(info.st_size);
@@ -95,10 +96,12 @@ void StowZipWriter::addFile(const fs::path& file, std::string_view name) {
   const StowDate date{std::chrono::seconds(info.st_mtime)};
   if (size == 0) {
     add({}, name, date);
+    written_.back().permissions = permissions;
     return;
   }
 
   Written entry = newEntry(name, date);
+  entry.permissions = permissions;
   checkStart(name);
   UniqueFd source(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
   if (!source) throwFileError("open", file);
@@ -177,7 +180,8 @@ void StowZipWriter::finish() {
     header.crc = entry.crc;
     header.compressedSize = entry.compressed;
     header.size = entry.size;
-    header.externalAttributes = entry.isDirectory ? zip::kAttributesFolder : zip::kAttributesFile;
+    header.externalAttributes =
+        entry.isDirectory ? zip::kAttributesFolder : zip::fileAttributes(entry.permissions);
     header.localHeaderOffset = entry.offset;
     header.name = entry.name;
     zip::write(directory, header);

@@ -38,19 +38,6 @@ bool inScope(std::string_view relative, StowRestoreScope scope) {
   return false;
 }
 
-// An entry may only land inside the staging folder: no absolute path, no "..", and no
-// backslash, which some unpackers read as a separator.
-bool isUnsafe(std::string_view relative) {
-  if (relative.empty() || relative.front() == '/' || relative.find('\\') != std::string_view::npos)
-    return true;
-  for (size_t start = 0; start <= relative.size();) {
-    size_t end = std::min(relative.find('/', start), relative.size());
-    if (relative.substr(start, end - start) == "..") return true;
-    start = end + 1;
-  }
-  return false;
-}
-
 /// Creates every folder of `path` with mode 0755; one that exists already is fine.
 void makeFolders(const std::string& path) {
   std::string prefix = path.front() == '/' ? "/" : "";
@@ -82,7 +69,8 @@ std::int64_t unpack(StowZipReader& reader, const std::vector<const StowZipItem*>
   std::int64_t done = 0;
   for (const StowZipItem* item : selected) {
     std::string_view relative = std::string_view(item->path).substr(kPrefix.size());
-    if (isUnsafe(relative)) throw StowZipError::unsafePath(item->path);
+    // An entry may only land inside the staging folder.
+    if (!isSafeEntryPath(relative)) throw StowZipError::unsafePath(item->path);
     std::string destination = base + std::string(relative);
     if (destination.back() == '/') {
       destination.pop_back();
