@@ -38,7 +38,8 @@ struct SliceHeaders {
   MachHeader64 header;
   std::string commands;  // the sizeofcmds bytes after the header
   std::vector<CommandAt> list;
-  std::uint64_t contentStart = 0;  // the first byte after the header that a segment or section holds
+  std::uint64_t contentStart =
+      0;  // the first byte after the header that a segment or section holds
 
   std::string_view bytesOf(const CommandAt& at) const {
     return std::string_view(commands).substr(at.position, at.command.cmdsize);
@@ -182,11 +183,13 @@ SliceEdit editSlice(const MachFile& file, const Slice& slice, const SliceHeaders
     const std::uint32_t cmd = at.command.cmd;
     if (isLoadCommandOfDylib(cmd)) {
       auto loaded = readDylibCommand(headers.bytesOf(at));
-      if (!loaded) throw StowInjectError::damaged(file.name, "a library's load command is cut short");
+      if (!loaded)
+        throw StowInjectError::damaged(file.name, "a library's load command is cut short");
       if (leafName(loaded->name) == leafName(dylib.name)) edit.alreadyLoaded = true;
     } else if (cmd == kRpath) {
       auto rpath = readRpathCommand(headers.bytesOf(at));
-      if (!rpath) throw StowInjectError::damaged(file.name, "a run path's load command is cut short");
+      if (!rpath)
+        throw StowInjectError::damaged(file.name, "a run path's load command is cut short");
       if (withoutTrailingSlash(rpath->path) == withoutTrailingSlash(dylib.rpath)) hasRpath = true;
     } else if (cmd == kEncryptionInfo64) {
       auto info = readEncryptionInfoCommand64(headers.bytesOf(at));
@@ -245,21 +248,21 @@ SliceEdit editSlice(const MachFile& file, const Slice& slice, const SliceHeaders
     ++count;
   }
   const std::size_t kept = commands.size();
-  DylibCommand load{kLoadDylib, paddedCommandSize(DylibCommand::kSize, dylib.name), dylib.name,
-                    2, dylib.currentVersion, dylib.compatibilityVersion};
+  DylibCommand load{kLoadDylib,           paddedCommandSize(DylibCommand::kSize, dylib.name),
+                    dylib.name,           2,
+                    dylib.currentVersion, dylib.compatibilityVersion};
   write(commands, load);
   ++count;
   if (!hasRpath) {
-    write(commands, RpathCommand{kRpath, paddedCommandSize(RpathCommand::kSize, dylib.rpath),
-                                 dylib.rpath});
+    write(commands,
+          RpathCommand{kRpath, paddedCommandSize(RpathCommand::kSize, dylib.rpath), dylib.rpath});
     ++count;
     edit.rpathAdded = true;
   }
 
   const std::uint64_t room = headers.contentStart - MachHeader64::kSize;
   if (commands.size() > room) {
-    throw StowInjectError::noRoom(file.name, commands.size() - kept,
-                                  room > kept ? room - kept : 0);
+    throw StowInjectError::noRoom(file.name, commands.size() - kept, room > kept ? room - kept : 0);
   }
   MachHeader64 header = headers.header;
   header.ncmds = count;
@@ -267,9 +270,9 @@ SliceEdit editSlice(const MachFile& file, const Slice& slice, const SliceHeaders
   write(edit.headers, header);
   edit.headers += commands;
   // Zeros over what the old commands held past the new ones (the padding is all zeros).
-  edit.headers.resize(std::max<std::size_t>(edit.headers.size(),
-                                            MachHeader64::kSize + headers.commands.size()),
-                      '\0');
+  edit.headers.resize(
+      std::max<std::size_t>(edit.headers.size(), MachHeader64::kSize + headers.commands.size()),
+      '\0');
   return edit;
 }
 

@@ -5,7 +5,9 @@ namespace {
 
 constexpr std::size_t kNameSize = 16;  // segname and sectname: 16 bytes, zero-padded
 
-std::string fixedName(std::string_view bytes) { return std::string(bytes.substr(0, bytes.find('\0'))); }
+std::string fixedName(std::string_view bytes) {
+  return std::string(bytes.substr(0, bytes.find('\0')));
+}
 
 void putName(std::string& out, std::string_view name) {
   std::string padded(name.substr(0, kNameSize));
@@ -33,8 +35,7 @@ void putString(std::string& out, std::size_t commandStart, std::uint32_t cmdsize
 
 bool Section64::hasFileBytes() const {
   const std::uint32_t type = flags & kSectionTypeMask;
-  return size > 0 && type != kZeroFill && type != kGigabyteZeroFill &&
-         type != kThreadLocalZeroFill;
+  return size > 0 && type != kZeroFill && type != kGigabyteZeroFill && type != kThreadLocalZeroFill;
 }
 
 std::string_view MachCursor::getBytes(std::size_t count) {

@@ -15,10 +15,10 @@ namespace corvelstow::macho {
 
 enum class ByteOrder { little, big };
 
-constexpr std::uint32_t kMagic64 = 0xFEEDFACF;     // MH_MAGIC_64
-constexpr std::uint32_t kMagic32 = 0xFEEDFACE;     // MH_MAGIC: 32-bit code, never arm64
-constexpr std::uint32_t kFatMagic = 0xCAFEBABE;    // FAT_MAGIC
-constexpr std::uint32_t kFatMagic64 = 0xCAFEBABF;  // FAT_MAGIC_64
+constexpr std::uint32_t kMagic64 = 0xFEEDFACF;       // MH_MAGIC_64
+constexpr std::uint32_t kMagic32 = 0xFEEDFACE;       // MH_MAGIC: 32-bit code, never arm64
+constexpr std::uint32_t kFatMagic = 0xCAFEBABE;      // FAT_MAGIC
+constexpr std::uint32_t kFatMagic64 = 0xCAFEBABF;    // FAT_MAGIC_64
 constexpr std::uint32_t kCpuTypeArm64 = 0x0100000C;  // CPU_TYPE_ARM | CPU_ARCH_ABI64
 constexpr std::uint32_t kFileTypeExecute = 0x2;      // MH_EXECUTE
 constexpr std::uint32_t kFileTypeDylib = 0x6;        // MH_DYLIB
@@ -36,9 +36,9 @@ constexpr std::uint32_t kEncryptionInfo = 0x21;
 constexpr std::uint32_t kLoadUpwardDylib = 0x23 | kRequiredByDyld;
 constexpr std::uint32_t kEncryptionInfo64 = 0x2C;
 
-constexpr std::uint32_t kSectionTypeMask = 0xFF;  // SECTION_TYPE
-constexpr std::uint32_t kZeroFill = 0x1;          // S_ZEROFILL: no bytes in the file
-constexpr std::uint32_t kGigabyteZeroFill = 0xC;  // S_GB_ZEROFILL
+constexpr std::uint32_t kSectionTypeMask = 0xFF;      // SECTION_TYPE
+constexpr std::uint32_t kZeroFill = 0x1;              // S_ZEROFILL: no bytes in the file
+constexpr std::uint32_t kGigabyteZeroFill = 0xC;      // S_GB_ZEROFILL
 constexpr std::uint32_t kThreadLocalZeroFill = 0x12;  // S_THREAD_LOCAL_ZEROFILL
 
 /// The first bytes of a fat file: how many slices its table lists.

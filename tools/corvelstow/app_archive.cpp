@@ -32,8 +32,8 @@ void unpackFile(StowZipReader& reader, const StowZipItem& item, const fs::path& 
     throwFileError("create the folder", destination.parent_path());
   }
   const mode_t permissions = (item.mode & 07777) != 0 ? item.mode & 07777 : 0644;
-  UniqueFd file(::open(destination.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
-                       0600));
+  UniqueFd file(
+      ::open(destination.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (!file) throwFileError("create", destination);
   reader.extract(item, file.get());
   if (::fchmod(file.get(), permissions) != 0 || !file.close()) throwFileError("write", destination);

@@ -36,7 +36,8 @@ OpenMachFile openMachFile(const fs::path& path, const std::string& name) {
     std::string bytes(count, '\0');
     std::size_t done = 0;
     while (done < count) {
-      ssize_t got = ::pread(fd, bytes.data() + done, count - done, static_cast<off_t>(offset + done));
+      ssize_t got =
+          ::pread(fd, bytes.data() + done, count - done, static_cast<off_t>(offset + done));
       if (got < 0 && errno == EINTR) continue;
       if (got < 0) throwFileError("read", path);
       if (got == 0) break;
@@ -71,13 +72,14 @@ std::string executableName(const fs::path& app, const std::string& label) {
 // permissions, then renames it into place: the destination is replaced whole or left as it was.
 void writePatchedCopy(const fs::path& source, const fs::path& destination,
                       const macho::DylibInsertion& insertion, mode_t permissions) {
-  const fs::path temporary = destination.parent_path() / ("." + destination.filename().string() +
-                                                          ".corvelstow-new");
+  const fs::path temporary =
+      destination.parent_path() / ("." + destination.filename().string() + ".corvelstow-new");
   ScopeGuard removeTemporary([&] { ::unlink(temporary.c_str()); });
   std::error_code error;
   fs::copy_file(source, temporary, fs::copy_options::overwrite_existing, error);
-  if (error) throwFileError(error.value(), "Could not copy " + source.filename().string() + ": " +
-                                               error.message() + ".");
+  if (error)
+    throwFileError(error.value(),
+                   "Could not copy " + source.filename().string() + ": " + error.message() + ".");
   UniqueFd fd(::open(temporary.c_str(), O_WRONLY | O_CLOEXEC));
   if (!fd || ::fchmod(fd.get(), permissions) != 0) throwFileError("write", destination);
   for (const macho::FilePatch& patch : insertion.patches) {
@@ -109,8 +111,8 @@ AppInjection planAppInjection(const fs::path& app, const std::string& label,
                               const IosLibrary& library) {
   AppInjection injection;
   injection.executable = executableName(app, label);
-  OpenMachFile executable = openMachFile(app / injection.executable,
-                                         label + "/" + injection.executable);
+  OpenMachFile executable =
+      openMachFile(app / injection.executable, label + "/" + injection.executable);
   const macho::DylibToLoad load{std::string("@rpath/") + kLibraryName,
                                 library.identity.currentVersion,
                                 library.identity.compatibilityVersion, kRunPath};

@@ -54,12 +54,11 @@ fs::path outputPath(const fs::path& app, const InjectOptions& options) {
   if (options.inPlace) return app;
   fs::path output = options.output;
   if (output.empty()) {
-    output = app.parent_path() /
-             (app.stem().string() + "-corvelstow" + app.extension().string());
+    output = app.parent_path() / (app.stem().string() + "-corvelstow" + app.extension().string());
   }
   if (files::exists(output)) {
-    throwFileError(EEXIST, output.filename().string() +
-                               " already exists; remove it or name another with -o.");
+    throwFileError(
+        EEXIST, output.filename().string() + " already exists; remove it or name another with -o.");
   }
   return output;
 }
@@ -68,7 +67,8 @@ fs::path outputPath(const fs::path& app, const InjectOptions& options) {
 // place in one step; removed with everything in it when the guard ends.
 fs::path makeWorkFolder(const fs::path& output) {
   fs::path parent = output.parent_path().empty() ? "." : output.parent_path();
-  std::string pattern = (parent / ("." + output.filename().string() + ".corvelstow-XXXXXX")).string();
+  std::string pattern =
+      (parent / ("." + output.filename().string() + ".corvelstow-XXXXXX")).string();
   if (!::mkdtemp(pattern.data())) throwFileError("create a work folder beside", output);
   return pattern;
 }
@@ -107,8 +107,7 @@ InjectResult injectFolder(const fs::path& app, const fs::path& output, const Ios
 
 // An .ipa: unpacked in the work folder, changed there and packed again, the library's entries
 // added after the others.
-InjectResult injectArchive(const fs::path& ipa, const fs::path& output,
-                           const IosLibrary& library) {
+InjectResult injectArchive(const fs::path& ipa, const fs::path& output, const IosLibrary& library) {
   const fs::path work = makeWorkFolder(output);
   ScopeGuard removeWork([&] { files::removeAll(work); });
   const fs::path unpacked = work / "unpacked";
@@ -118,8 +117,8 @@ InjectResult injectArchive(const fs::path& ipa, const fs::path& output,
   if (injection.insertion.alreadyLoaded) return {{}, injection.executable, injection.insertion};
   applyAppInjection(bundle, injection, library);
 
-  for (const std::string& added : {archive.app + "/Frameworks/",
-                                   archive.app + "/Frameworks/" + kLibraryName}) {
+  for (const std::string& added :
+       {archive.app + "/Frameworks/", archive.app + "/Frameworks/" + kLibraryName}) {
     auto& entries = archive.entries;
     if (std::find(entries.begin(), entries.end(), added) == entries.end()) entries.push_back(added);
   }
@@ -168,11 +167,13 @@ void addInjectCommand(CLI::App& app, CommandList& commands) {
       "-o,--output", options->output,
       "Where to write the changed app (default: beside it, NAME-corvelstow.ipa or .app)");
   command->add_flag("--in-place", options->inPlace, "Change the app itself")->excludes(output);
-  command->add_option("--library", options->library,
-                     "The iOS libcorvelstow.dylib (default: beside the command, or the iOS "
-                     "build's build-ios/libcorvelstow.dylib)")
+  command
+      ->add_option("--library", options->library,
+                   "The iOS libcorvelstow.dylib (default: beside the command, or the iOS "
+                   "build's build-ios/libcorvelstow.dylib)")
       ->envname("CORVELSTOW_IOS_LIBRARY");
-  commands.push_back({command, [options](const CommandContext& context) { inject(context, *options); }});
+  commands.push_back(
+      {command, [options](const CommandContext& context) { inject(context, *options); }});
 }
 
 }  // namespace corvelstow::cli
