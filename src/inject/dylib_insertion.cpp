@@ -38,20 +38,33 @@ struct SliceHeaders {
   MachHeader64 header;
   std::string commands;  // the sizeofcmds bytes after the header
   std::vector<CommandAt> list;
-  std::uint64_t contentStart =
-      0;  // the first byte after the header that a segment or section holds
+  std::uint64_t contentStart = 0;  // the first byte past the header a segment or section holds
 
   std::string_view bytesOf(const CommandAt& at) const {
     return std::string_view(commands).substr(at.position, at.command.cmdsize);
   }
 };
 
+/// What a slice's load commands hold, as far as adding the library goes.
+struct CommandScan {
+  bool loadsLibrary = false;
+  bool hasRunPath = false;
+  std::optional<CommandAt> signature;
+  std::optional<CommandAt> linkedit;
+};
+
+/// The code signature's blob taken out of a slice.
+struct SignatureCut {
+  std::optional<SegmentCommand64> linkedit;  // __LINKEDIT's new command, when it shrinks
+  std::uint64_t sliceSize = 0;               // what the slice keeps
+  std::optional<FilePatch> cleared;          // the blob zeroed, when it is not cut off
+};
+
 /// One slice's new header and load commands, and its new size.
 struct SliceEdit {
   std::string headers;
   std::uint64_t size = 0;
-  std::optional<FilePatch> clearedSignature;  // the signature's bytes, zeroed, when not cut off
-  bool alreadyLoaded = false;
+  std::optional<FilePatch> clearedSignature;
   bool signatureRemoved = false;
   bool rpathAdded = false;
 };
@@ -172,91 +185,110 @@ SliceHeaders readSliceHeaders(const MachFile& file, const Slice& slice) {
   return headers;
 }
 
-// The new header and load commands of one slice, with the size the slice keeps.
-SliceEdit editSlice(const MachFile& file, const Slice& slice, const SliceHeaders& headers,
-                    const DylibToLoad& dylib) {
-  SliceEdit edit;
-  edit.size = slice.size;
-  bool hasRpath = dylib.rpath.empty();
-  std::optional<CommandAt> signatureAt, linkeditAt;
+// Reads the commands that matter here; an encrypted slice is refused at once.
+CommandScan scanCommands(const MachFile& file, const SliceHeaders& headers,
+                         const DylibToLoad& dylib) {
+  CommandScan scan;
+  scan.hasRunPath = dylib.rpath.empty();
   for (const CommandAt& at : headers.list) {
     const std::uint32_t cmd = at.command.cmd;
     if (isLoadCommandOfDylib(cmd)) {
       auto loaded = readDylibCommand(headers.bytesOf(at));
-      if (!loaded)
+      if (!loaded) {
         throw StowInjectError::damaged(file.name, "a library's load command is cut short");
-      if (leafName(loaded->name) == leafName(dylib.name)) edit.alreadyLoaded = true;
+      }
+      scan.loadsLibrary |= leafName(loaded->name) == leafName(dylib.name);
     } else if (cmd == kRpath) {
       auto rpath = readRpathCommand(headers.bytesOf(at));
-      if (!rpath)
+      if (!rpath) {
         throw StowInjectError::damaged(file.name, "a run path's load command is cut short");
-      if (withoutTrailingSlash(rpath->path) == withoutTrailingSlash(dylib.rpath)) hasRpath = true;
+      }
+      scan.hasRunPath |= withoutTrailingSlash(rpath->path) == withoutTrailingSlash(dylib.rpath);
     } else if (cmd == kEncryptionInfo64) {
       auto info = readEncryptionInfoCommand64(headers.bytesOf(at));
       if (!info || info->cryptid != 0) throw StowInjectError::encrypted();
     } else if (cmd == kCodeSignature) {
-      signatureAt = at;
+      scan.signature = at;
     } else if (cmd == kSegment64) {
       MachCursor cursor(headers.bytesOf(at), ByteOrder::little);
       auto segment = readSegmentCommand64(cursor);
-      if (segment && segment->segname == "__LINKEDIT") linkeditAt = at;
+      if (segment && segment->segname == "__LINKEDIT") scan.linkedit = at;
     }
   }
-  if (edit.alreadyLoaded) return edit;
+  return scan;
+}
 
-  // The signature's blob: cut from the end of __LINKEDIT (and of the slice) where it lies there,
-  // since a signing tool expects __LINKEDIT to end with what its load commands describe.
-  std::optional<LinkeditDataCommand> signature;
-  std::optional<SegmentCommand64> linkedit;
-  if (signatureAt) {
-    signature = readLinkeditDataCommand(headers.bytesOf(*signatureAt));
-    if (!signature || signature->dataoff > slice.size ||
-        signature->datasize > slice.size - signature->dataoff) {
-      throw StowInjectError::damaged(file.name, "its code signature lies past its end");
-    }
-    if (linkeditAt) {
-      MachCursor cursor(headers.bytesOf(*linkeditAt), ByteOrder::little);
-      linkedit = readSegmentCommand64(cursor);
-    }
-    const std::uint64_t signatureEnd = std::uint64_t{signature->dataoff} + signature->datasize;
-    if (linkedit && linkedit->fileoff <= signature->dataoff &&
-        linkedit->fileoff + linkedit->filesize == signatureEnd) {
-      linkedit->filesize = signature->dataoff - linkedit->fileoff;
-      if (signatureEnd == slice.size) {
-        edit.size = signature->dataoff;
-      } else {
-        edit.clearedSignature =
-            FilePatch{slice.offset + signature->dataoff, std::string(signature->datasize, '\0')};
-      }
-    } else {
-      linkedit.reset();  // elsewhere: left in place, described by no command
-    }
-    edit.signatureRemoved = true;
+// The signature's blob ends __LINKEDIT, where a signing tool expects to find only what the load
+// commands describe: __LINKEDIT is shortened to end before it, and the blob is cut off the end
+// of the slice (or zeroed where more follows). A blob elsewhere is left, described by nothing.
+SignatureCut cutSignature(const MachFile& file, const Slice& slice, const SliceHeaders& headers,
+                          const CommandScan& scan) {
+  SignatureCut cut;
+  cut.sliceSize = slice.size;
+  auto signature = readLinkeditDataCommand(headers.bytesOf(*scan.signature));
+  if (!signature || signature->dataoff > slice.size ||
+      signature->datasize > slice.size - signature->dataoff) {
+    throw StowInjectError::damaged(file.name, "its code signature lies past its end");
   }
+  if (!scan.linkedit) return cut;
+  MachCursor cursor(headers.bytesOf(*scan.linkedit), ByteOrder::little);
+  auto linkedit = readSegmentCommand64(cursor);
+  const std::uint64_t signatureEnd = std::uint64_t{signature->dataoff} + signature->datasize;
+  if (!linkedit || linkedit->fileoff > signature->dataoff ||
+      linkedit->fileoff + linkedit->filesize != signatureEnd) {
+    return cut;
+  }
+  linkedit->filesize = signature->dataoff - linkedit->fileoff;
+  cut.linkedit = linkedit;
+  if (signatureEnd == slice.size) {
+    cut.sliceSize = signature->dataoff;
+  } else {
+    cut.cleared =
+        FilePatch{slice.offset + signature->dataoff, std::string(signature->datasize, '\0')};
+  }
+  return cut;
+}
 
-  // Load commands: the old ones but the signature's, then the library and its run path.
+// The new header and load commands of one slice: the old commands but the signature's, then the
+// library's and its run path's, all before the first section's bytes.
+SliceEdit editSlice(const MachFile& file, const Slice& slice, const SliceHeaders& headers,
+                    const CommandScan& scan, const DylibToLoad& dylib) {
+  SliceEdit edit;
+  SignatureCut cut;
+  cut.sliceSize = slice.size;
+  if (scan.signature) cut = cutSignature(file, slice, headers, scan);
+  edit.size = cut.sliceSize;
+  edit.clearedSignature = std::move(cut.cleared);
+  edit.signatureRemoved = scan.signature.has_value();
+
   std::string commands;
-  std::uint32_t count = 0;
+  MachHeader64 header = headers.header;
+  header.ncmds = 0;
   for (const CommandAt& at : headers.list) {
-    if (signatureAt && at.position == signatureAt->position) continue;
-    if (linkedit && linkeditAt && at.position == linkeditAt->position) {
-      write(commands, *linkedit);
+    if (scan.signature && at.position == scan.signature->position) continue;
+    if (cut.linkedit && at.position == scan.linkedit->position) {
+      write(commands, *cut.linkedit);
       commands += headers.bytesOf(at).substr(SegmentCommand64::kSize);  // its sections
     } else {
       commands += headers.bytesOf(at);
     }
-    ++count;
+    ++header.ncmds;
   }
   const std::size_t kept = commands.size();
-  DylibCommand load{kLoadDylib,           paddedCommandSize(DylibCommand::kSize, dylib.name),
-                    dylib.name,           2,
-                    dylib.currentVersion, dylib.compatibilityVersion};
+  DylibCommand load;
+  load.cmdsize = paddedCommandSize(DylibCommand::kSize, dylib.name);
+  load.name = dylib.name;
+  load.timestamp = 2;  // what linkers write
+  load.currentVersion = dylib.currentVersion;
+  load.compatibilityVersion = dylib.compatibilityVersion;
   write(commands, load);
-  ++count;
-  if (!hasRpath) {
-    write(commands,
-          RpathCommand{kRpath, paddedCommandSize(RpathCommand::kSize, dylib.rpath), dylib.rpath});
-    ++count;
+  ++header.ncmds;
+  if (!scan.hasRunPath) {
+    RpathCommand rpath;
+    rpath.cmdsize = paddedCommandSize(RpathCommand::kSize, dylib.rpath);
+    rpath.path = dylib.rpath;
+    write(commands, rpath);
+    ++header.ncmds;
     edit.rpathAdded = true;
   }
 
@@ -264,8 +296,6 @@ SliceEdit editSlice(const MachFile& file, const Slice& slice, const SliceHeaders
   if (commands.size() > room) {
     throw StowInjectError::noRoom(file.name, commands.size() - kept, room > kept ? room - kept : 0);
   }
-  MachHeader64 header = headers.header;
-  header.ncmds = count;
   header.sizeofcmds = static_cast<std::uint32_t>(commands.size());
   write(edit.headers, header);
   edit.headers += commands;
@@ -303,8 +333,9 @@ DylibInsertion planDylibInsertion(const MachFile& file, const DylibToLoad& dylib
     if (headers.header.filetype != kFileTypeExecute) {
       throw StowInjectError::wrongFileType(file.name, "an executable");
     }
-    SliceEdit edit = editSlice(file, slice, headers, dylib);
-    if (edit.alreadyLoaded) continue;
+    const CommandScan scan = scanCommands(file, headers, dylib);
+    if (scan.loadsLibrary) continue;
+    SliceEdit edit = editSlice(file, slice, headers, scan, dylib);
     insertion.alreadyLoaded = false;
     insertion.signatureRemoved |= edit.signatureRemoved;
     insertion.rpathAdded |= edit.rpathAdded;
