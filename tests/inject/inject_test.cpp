@@ -282,37 +282,42 @@ TEST_F(InjectTest, RefusesWhatItCannotChangeAndLeavesTheAppAlone) {
 }
 
 // An .ipa made by Python's zipfile: written back beside it with the library in the bundle's
-// Frameworks, every entry where it was and the executables still 0755; --in-place replaces it;
-// an .ipa with a symbolic link is refused.
+// Frameworks, every entry where it was and the executables 0755, also when the archive gave no
+// Unix modes; --in-place replaces it; an .ipa with a symbolic link is refused.
 TEST_F(InjectTest, WritesAnIpaBackWithTheLibraryInItsFrameworks) {
   const fs::path app = makeApp(folder_ / "unpacked/Payload", "Notes",
                                readFile(executable("signed", {"-Wl,-adhoc_codesign"})));
   fs::create_symlink("Main.strings", app / "Base.lproj/Link.strings");
   const char* pack = R"(
 import os, sys, zipfile
-root, path, links = sys.argv[1], sys.argv[2], sys.argv[3] == "links"
+root, path, kind = sys.argv[1:4]
 with zipfile.ZipFile(path, "w", zipfile.ZIP_DEFLATED) as archive:
     for folder, folders, files in sorted(os.walk(root)):
         for name in sorted(folders + files):
             full = os.path.join(folder, name)
-            if links or not os.path.islink(full):
+            if kind == "links" or not os.path.islink(full):
                 info = zipfile.ZipInfo.from_file(full, os.path.relpath(full, root))
                 data = os.readlink(full).encode() if os.path.islink(full) else None
-                if info.is_dir() or data is not None:
+                if kind == "dos":  # as a zipper elsewhere writes it: no Unix mode at all
+                    info.create_system, info.external_attr = 0, 0x10 if info.is_dir() else 0
+                    archive.writestr(info, b"" if info.is_dir() else open(full, "rb").read())
+                elif info.is_dir() or data is not None:
                     info.external_attr = os.lstat(full).st_mode << 16
                     archive.writestr(info, data or b"")
                 else:
                     archive.write(full, info.filename)
 )";
+  auto packAs = [&](const std::string& kind, const fs::path& ipa) {
+    fs::create_directories(ipa.parent_path());
+    auto packed =
+        runProcess({"python3", "-c", pack, (folder_ / "unpacked").string(), ipa.string(), kind});
+    EXPECT_EQ(packed.exitCode, 0) << packed.err;
+  };
   const fs::path ipa = folder_ / "Notes.ipa", linked = folder_ / "Linked.ipa";
-  ASSERT_EQ(
-      runProcess({"python3", "-c", pack, (folder_ / "unpacked").string(), ipa.string(), "files"})
-          .exitCode,
-      0);
-  ASSERT_EQ(
-      runProcess({"python3", "-c", pack, (folder_ / "unpacked").string(), linked.string(), "links"})
-          .exitCode,
-      0);
+  const fs::path copy = folder_ / "inplace/Notes.ipa";
+  packAs("files", ipa);
+  packAs("links", linked);
+  packAs("dos", copy);
   const std::string original = readFile(ipa);
 
   auto result = inject(ipa);
@@ -345,9 +350,6 @@ for entry in archive.infolist():
             readFile(app / "Base.lproj/Main.strings"));
   EXPECT_TRUE(holds(loadCommands(checked / "Notes").back(), kRunPath));
 
-  const fs::path copy = folder_ / "inplace/Notes.ipa";
-  fs::create_directories(copy.parent_path());
-  fs::copy_file(ipa, copy);
   ASSERT_EQ(inject(copy, {"--in-place"}).exitCode, 0);
   EXPECT_EQ(runProcess({"python3", "-c", list, copy.string()}).out, listed.out);
   EXPECT_EQ(namesIn(copy.parent_path()), std::vector<std::string>{"Notes.ipa"});

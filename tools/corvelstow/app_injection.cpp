@@ -129,7 +129,8 @@ void applyAppInjection(const fs::path& app, const AppInjection& injection,
   const fs::path executable = app / injection.executable;
   struct stat info {};
   if (::stat(executable.c_str(), &info) != 0) throwFileError("read", executable);
-  writePatchedCopy(executable, executable, injection.insertion, info.st_mode & 07777);
+  // At least rwxr-xr-x, whatever the archive it came from gave it.
+  writePatchedCopy(executable, executable, injection.insertion, (info.st_mode & 07777) | 0755);
 }
 
 }  // namespace corvelstow::cli
