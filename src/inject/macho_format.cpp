@@ -268,14 +268,4 @@ void write(std::string& out, const RpathCommand& command) {
   putString(out, start, command.cmdsize, command.path);
 }
 
-void write(std::string& out, const EncryptionInfoCommand64& command) {
-  constexpr ByteOrder little = ByteOrder::little;
-  put32(out, command.cmd, little);
-  put32(out, command.cmdsize, little);
-  put32(out, command.cryptoff, little);
-  put32(out, command.cryptsize, little);
-  put32(out, command.cryptid, little);
-  put32(out, command.pad, little);
-}
-
 }  // namespace corvelstow::macho

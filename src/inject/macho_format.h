@@ -204,6 +204,5 @@ void write(std::string& out, const MachHeader64& header);
 void write(std::string& out, const SegmentCommand64& segment);  // the fixed part only
 void write(std::string& out, const DylibCommand& command);
 void write(std::string& out, const RpathCommand& command);
-void write(std::string& out, const EncryptionInfoCommand64& command);
 
 }  // namespace corvelstow::macho
