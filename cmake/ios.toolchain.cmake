@@ -30,7 +30,7 @@ elseif(CMAKE_HOST_APPLE)
 else()
   message(FATAL_ERROR
     "The iOS build needs an iPhoneOS SDK: set CORVELSTOW_IOS_SDK to its folder "
-    "(on Linux, CORVELSTOW_IOS_SDK=$(../shared/tools/ios-sdk) cmake --preset ios).")
+    "(on Linux, CORVELSTOW_IOS_SDK=$(sh scripts/ios-sdk) cmake --preset ios; see the README).")
 endif()
 
 if(NOT CMAKE_HOST_APPLE)

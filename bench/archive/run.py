@@ -3,9 +3,9 @@
 
     bench/archive/run.py [--build BUILD_DIR] [--work DIR] [--big] [--keep]
 
-Makes the realistic container with make-container.py (--scale typical: ~3,000 small files, a
-~157 MB database-like file, a thousand cached images) and, with --big, the one-big container
-(one 2 GiB file). For each it archives the tree with our writer (zip_bench pack), `zip -r -6`
+Makes the realistic container with bench/make_container.py (--scale typical: 3,000 small
+files, a 157 MB database-like file, a thousand cached images) and, with --big, the one-big
+container (one 2 GiB file). For each it archives the tree with our writer (zip_bench pack), `zip -r -6`
 and `bsdtar --format zip -cf`, then unpacks our archive with our reader (zip_bench unpack),
 `unzip` and `bsdtar -xf`, checking that every unpacked tree equals the source. Each command
 runs under /usr/bin/time for its wall time and peak resident memory. Files are in the page
@@ -21,7 +21,7 @@ import subprocess
 import sys
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-MAKE_CONTAINER = os.path.join(os.path.dirname(ROOT), "shared", "tools", "make-container.py")
+MAKE_CONTAINER = os.path.join(ROOT, "bench", "make_container.py")
 
 
 def timed(command, cwd=None):

@@ -4,7 +4,7 @@
     bench/backup/compare.py [--build build] [--work DIR] [--runs 3] [SCALE ...]
 
 SCALE is typical, many-small or one-big (default: all three), containers made by
-../shared/tools/make-container.py and kept in DIR/containers between runs. For each one:
+bench/make_container.py and kept in DIR/containers between runs. For each one:
 
   backup:  corvelstow backup   vs  zip -r -6 -q   vs  bsdtar --format zip -cf
   restore: corvelstow restore  vs  unzip -q       vs  bsdtar -xf      (into a tmpfs)
@@ -20,7 +20,7 @@ import subprocess
 import sys
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-MAKE_CONTAINER = os.path.join(ROOT, "..", "shared", "tools", "make-container.py")
+MAKE_CONTAINER = os.path.join(ROOT, "bench", "make_container.py")
 TMPFS = "/dev/shm"
 
 

@@ -22,7 +22,20 @@ constexpr std::uint8_t kHostUnix = 3;  // the high byte of "version made by" for
 constexpr std::uint16_t kMethodStored = 0;
 constexpr std::uint16_t kMethodDeflated = 8;
 constexpr std::uint32_t kAttributesFolder = 0x41ED0000;  // Unix mode 040755 in the high half
-constexpr std::uint32_t kAttributesFile = 0x81A40000;    // Unix mode 0100644 in the high half
+constexpr std::uint16_t kPermissionsFile = 0644;         // a file's permissions unless told
+
+/// The external attributes of a file entry with these permission bits: Unix mode 0100000 | bits
+/// in the high half (0x81A40000 for 0644).
+constexpr std::uint32_t fileAttributes(std::uint16_t permissions) {
+  return (0100000u | (permissions & 07777u)) << 16;
+}
+
+/// Whether a central record's "version made by" names a host whose external attributes hold a
+/// Unix mode in their high half: Unix (3) or macOS (19).
+constexpr bool madeOnUnix(std::uint16_t versionMadeBy) {
+  return versionMadeBy >> 8 == 3 || versionMadeBy >> 8 == 19;
+}
+
 constexpr std::uint16_t kZip64ExtraId = 0x0001;
 constexpr std::uint16_t kUnicodePathExtraId = 0x7075;  // Info-ZIP's UTF-8 copy of a name
 constexpr std::uint32_t kZip64Marker32 = 0xFFFFFFFF;   // "see the Zip64 record" in a 32-bit field

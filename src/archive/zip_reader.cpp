@@ -25,6 +25,19 @@ constexpr std::size_t kTailSize = zip::EndOfCentralDirectory::kFixedSize + zip::
 
 }  // namespace
 
+bool isSafeEntryPath(std::string_view path) {
+  if (path.empty() || path.front() == '/' ||
+      path.find_first_of(std::string_view("\\\0", 2)) != std::string_view::npos) {
+    return false;
+  }
+  for (std::size_t start = 0; start <= path.size();) {
+    const std::size_t end = std::min(path.find('/', start), path.size());
+    if (path.substr(start, end - start) == "..") return false;
+    start = end + 1;
+  }
+  return true;
+}
+
 StowZipReader::StowZipReader(const fs::path& location) : location_(location) {
   fd_.reset(::open(location.c_str(), O_RDONLY | O_CLOEXEC));
   if (!fd_) throwFileError("open", location);
@@ -197,6 +210,7 @@ void StowZipReader::readDirectory() {
     item.compressedSize = extent.compressedSize;
     item.size = extent.size;
     item.headerOffset = extent.localHeaderOffset + place.shift;
+    if (zip::madeOnUnix(header->versionMadeBy)) item.mode = header->externalAttributes >> 16;
     items_.push_back(std::move(item));
   }
   // The records fill the directory: as many as the end record counts, and nothing after them.

@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "archive/deflate_stream.h"
@@ -29,7 +30,13 @@ struct StowZipItem {
   std::uint64_t compressedSize = 0;
   std::uint64_t size = 0;
   std::uint64_t headerOffset = 0;  ///< of the entry's local header
+  std::uint16_t mode = 0;  ///< Unix type and permission bits, when made on a Unix host; else 0
 };
+
+/// Whether an entry's path may be unpacked below a folder: not empty, not absolute, no ".."
+/// piece, no backslash, which some unpackers read as a separator, and no NUL byte, where the
+/// system would end the name ("a.txt\0.exe" would be written as a.txt).
+bool isSafeEntryPath(std::string_view path);
 
 /// Reads a ZIP archive whose entries are stored or deflated, Zip64 records included, also behind
 /// data in front of it (a self-extracting stub). Nothing is unpacked without its CRC-32 and its

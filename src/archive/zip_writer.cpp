@@ -87,13 +87,15 @@ void StowZipWriter::addDirectory(std::string_view name, StowDate date) {
   written_.push_back(std::move(entry));
 }
 
-void StowZipWriter::addFile(const fs::path& file, std::string_view name) {
+void StowZipWriter::addFile(const fs::path& file, std::string_view name,
+                            std::uint16_t permissions) {
   UniqueFd source(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
   if (!source) throwFileError("open", file);
-  addFile(source.get(), file, name);
+  addFile(source.get(), file, name, permissions);
 }
 
-void StowZipWriter::addFile(int source, const fs::path& file, std::string_view name) {
+void StowZipWriter::addFile(int source, const fs::path& file, std::string_view name,
+                            std::uint16_t permissions) {
   struct stat info {};
   if (::fstat(source, &info) != 0) throwFileError("read the attributes of", file);
   const auto size = static_cast<std::uint64_t>(info.st_size);
@@ -101,10 +103,12 @@ void StowZipWriter::addFile(int source, const fs::path& file, std::string_view n
   const StowDate date{std::chrono::seconds(info.st_mtime)};
   if (size == 0) {
     add({}, name, date);
+    written_.back().permissions = permissions;
     return;
   }
 
   Written entry = newEntry(name, date);
+  entry.permissions = permissions;
   checkStart(name);
   entry.method = zip::kMethodDeflated;
   entry.flags |= zip::kFlagDataDescriptor;
@@ -182,7 +186,8 @@ void StowZipWriter::finish() {
     header.crc = entry.crc;
     header.compressedSize = entry.compressed;
     header.size = entry.size;
-    header.externalAttributes = entry.isDirectory ? zip::kAttributesFolder : zip::kAttributesFile;
+    header.externalAttributes =
+        entry.isDirectory ? zip::kAttributesFolder : zip::fileAttributes(entry.permissions);
     header.localHeaderOffset = entry.offset;
     header.name = entry.name;
     zip::write(directory, header);

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "archive/deflate_stream.h"
+#include "archive/zip_format.h"
 #include "base/dates.h"
 #include "base/unique_fd.h"
 
@@ -34,6 +35,7 @@ class StowZipWriter {
     std::uint32_t size = 0;
     std::uint32_t offset = 0;  ///< of the local header
     bool isDirectory = false;
+    std::uint16_t permissions = zip::kPermissionsFile;  ///< a file's Unix permission bits
   };
 
   /// Creates (or empties) the file at `location`. Throws StowZipError::cannotCreate with the
@@ -54,12 +56,15 @@ class StowZipWriter {
   /// descriptor after the data. The file is opened without following a link (a link there is
   /// refused: ELOOP); its size and modification time come from the opened file's status; an
   /// empty file becomes a stored entry. Throws tooLarge(name) for a file of 4 GiB − 1 bytes or
-  /// more (before anything is written) or compressed data that large.
-  void addFile(const std::filesystem::path& file, std::string_view name);
+  /// more (before anything is written) or compressed data that large. `permissions` are the
+  /// Unix permission bits the central directory gives the entry (0644 unless told).
+  void addFile(const std::filesystem::path& file, std::string_view name,
+               std::uint16_t permissions = zip::kPermissionsFile);
 
   /// The same for a file already open as `source`, read from where it stands; `file` names it
   /// in error sentences.
-  void addFile(int source, const std::filesystem::path& file, std::string_view name);
+  void addFile(int source, const std::filesystem::path& file, std::string_view name,
+               std::uint16_t permissions = zip::kPermissionsFile);
 
   /// Writes the central directory and the end record and flushes the file to storage. Throws
   /// tooLarge("the archive") when the directory would start past 4 GiB − 2, and

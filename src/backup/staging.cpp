@@ -61,21 +61,6 @@ std::string shown(std::string_view name) {
   return text;
 }
 
-// An entry may only land inside the staging folder: no absolute path, no "..", and no
-// backslash, which some unpackers read as a separator. Nor a NUL byte, where the system would
-// end the name ("a.txt\0.exe" would be written as a.txt).
-bool isUnsafe(std::string_view relative) {
-  if (relative.empty() || relative.front() == '/' ||
-      relative.find_first_of(std::string_view("\\\0", 2)) != std::string_view::npos)
-    return true;
-  for (size_t start = 0; start <= relative.size();) {
-    size_t end = std::min(relative.find('/', start), relative.size());
-    if (relative.substr(start, end - start) == "..") return true;
-    start = end + 1;
-  }
-  return false;
-}
-
 /// Creates every folder of `path` with mode 0755; one that exists already is fine.
 void makeFolders(const std::string& path) {
   std::string prefix = path.front() == '/' ? "/" : "";
@@ -107,7 +92,7 @@ void checkNames(const std::vector<const StowZipItem*>& selected) {
   std::unordered_set<std::string_view> folders, files;
   for (const StowZipItem* item : selected) {
     std::string_view relative = relativeName(*item);
-    if (isUnsafe(relative)) throw StowZipError::unsafePath(shown(item->path));
+    if (!isSafeEntryPath(relative)) throw StowZipError::unsafePath(shown(item->path));
     for (size_t slash = relative.find('/'); slash != std::string_view::npos;
          slash = relative.find('/', slash + 1)) {
       folders.insert(relative.substr(0, slash));

@@ -4,6 +4,7 @@
 #include <functional>
 #include <iosfwd>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -32,11 +33,17 @@ struct Command {
 
 using CommandList = std::vector<Command>;
 
+/// The first of `candidates` (relative to the folder of the running corvelstow command) that
+/// exists, made absolute; nothing when none does.
+std::optional<std::filesystem::path> besideCommand(
+    std::initializer_list<std::filesystem::path> candidates);
+
 // Each file of the command adds its subcommands here.
 void addStatusCommand(CLI::App& app, CommandList& commands);
 void addArchiveCommands(CLI::App& app, CommandList& commands);  // list, cat, verify
 void addLaunchCommands(CLI::App& app, CommandList& commands);
 void addBackupCommands(CLI::App& app, CommandList& commands);
 void addGreetCommand(CLI::App& app, CommandList& commands);
+void addInjectCommand(CLI::App& app, CommandList& commands);
 
 }  // namespace corvelstow::cli

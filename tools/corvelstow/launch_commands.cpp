@@ -7,7 +7,6 @@
 #include <ostream>
 
 #include "base/file_error.h"
-#include "base/files.h"
 #include "command_context.h"
 #include "startup/undo.h"
 #include "store/records.h"
@@ -19,11 +18,7 @@ namespace {
 // CORVELSTOW_LIBRARY names another.
 fs::path libraryPath() {
   if (const char* named = std::getenv("CORVELSTOW_LIBRARY"); named && *named) return named;
-  std::error_code error;
-  fs::path folder = fs::read_symlink("/proc/self/exe", error).parent_path();
-  for (const fs::path& candidate : {folder / "libcorvelstow.so", folder / "../lib/libcorvelstow.so"}) {
-    if (files::exists(candidate)) return fs::absolute(candidate);
-  }
+  if (auto found = besideCommand({"libcorvelstow.so", "../lib/libcorvelstow.so"})) return *found;
   throwFileError(ENOENT, "Could not find libcorvelstow.so beside the corvelstow command.");
 }
 

@@ -32,6 +32,7 @@ int main(int argc, char** argv) {
   addLaunchCommands(app, commands);
   addBackupCommands(app, commands);
   addGreetCommand(app, commands);
+  addInjectCommand(app, commands);
 
   try {
     app.parse(argc, argv);

@@ -1,0 +1,367 @@
+// corvelstow inject on executables built here with the iOS build's cross toolchain (clang-16 and
+// ld64.lld against the iPhoneOS SDK): thin and fat, signed or not, in an .app folder or an .ipa;
+// and the executables it must refuse. llvm-objdump and Python's zipfile check what it wrote.
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <optional>
+#include <regex>
+#include <sstream>
+
+#include "base/files.h"
+#include "platform/platform.h"
+#include "support/process.h"
+#include "support/temp_folder.h"
+
+namespace corvelstow {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::readFile;
+using testing::readTree;
+using testing::runCommand;
+using testing::runProcess;
+using testing::writeFile;
+
+constexpr char kRunPath[] = "@executable_path/Frameworks";
+
+// The SDK as the iOS build finds it: CORVELSTOW_IOS_SDK, else the one scripts/ios-sdk unpacked.
+std::optional<std::string> iosSdk() {
+  if (const char* named = std::getenv("CORVELSTOW_IOS_SDK"); named && *named) return named;
+  auto found = runProcess({"sh", CORVELSTOW_SOURCE_DIR "/scripts/ios-sdk"});
+  if (found.exitCode != 0 || found.out.empty()) return std::nullopt;
+  return found.out.substr(0, found.out.find('\n'));
+}
+
+// The load commands as llvm-objdump prints them, one block per command without its "Load
+// command N" line, the slices of a fat file one after another.
+std::vector<std::string> loadCommands(const fs::path& file) {
+  auto dump = runProcess(
+      {"llvm-objdump-16", "--macho", "--private-headers", "--arch", "all", file.string()});
+  EXPECT_EQ(dump.exitCode, 0) << dump.err;
+  EXPECT_EQ(dump.err, "") << file;
+  std::vector<std::string> blocks;
+  bool inCommand = false;
+  std::istringstream lines(dump.out);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with("Load command ")) {
+      blocks.emplace_back();
+      inCommand = true;
+    } else if (line.starts_with("Mach header") || line.find(" (architecture ") != line.npos) {
+      inCommand = false;
+    } else if (inCommand) {
+      blocks.back() += line + "\n";
+    }
+  }
+  return blocks;
+}
+
+std::uint64_t field(const std::string& block, const std::string& name) {
+  std::smatch match;
+  EXPECT_TRUE(std::regex_search(block, match, std::regex("\n *" + name + " (\\d+)\n")));
+  return match.empty() ? 0 : std::stoull(match[1]);
+}
+
+// What the load commands of an executable become, but for the two added last: its signature's
+// command is gone, and the __LINKEDIT before it ends where the signature began.
+std::vector<std::string> withoutSignature(const std::vector<std::string>& before) {
+  std::vector<std::string> after;
+  std::size_t linkedit = 0;
+  for (const std::string& block : before) {
+    if (block.find("cmd LC_CODE_SIGNATURE\n") == block.npos) {
+      if (block.find("segname __LINKEDIT\n") != block.npos) linkedit = after.size();
+      after.push_back(block);
+      continue;
+    }
+    const std::uint64_t filesize = field(after[linkedit], "filesize");
+    const std::string old = " filesize " + std::to_string(filesize) + "\n";
+    after[linkedit].replace(
+        after[linkedit].find(old), old.size(),
+        " filesize " + std::to_string(filesize - field(block, "datasize")) + "\n");
+  }
+  return after;
+}
+
+bool holds(const std::string& block, const std::string& text) {
+  return block.find(text) != block.npos;
+}
+
+std::vector<std::string> namesIn(const fs::path& folder) {
+  std::vector<std::string> names = files::listNames(folder);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+// Sets cryptid to 1 in the LC_ENCRYPTION_INFO_64 command of a thin executable, as in an app
+// downloaded from the store.
+std::string encrypted(std::string executable) {
+  auto word = [&](std::size_t at) {
+    std::uint32_t value = 0;
+    for (int i = 3; i >= 0; --i)
+      value = value << 8 | static_cast<unsigned char>(executable[at + i]);
+    return value;
+  };
+  std::size_t at = 32;
+  for (std::uint32_t i = 0, count = word(16); i < count; ++i, at += word(at + 4)) {
+    if (word(at) == 0x2C) executable[at + 16] = 1;
+  }
+  return executable;
+}
+
+class InjectTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    sdk_ = iosSdk();
+    if (!sdk_ || runProcess({"clang-16", "--version"}).exitCode != 0) {
+      GTEST_SKIP() << "inject tests skipped: no iPhoneOS SDK and clang-16 to build iOS code with";
+    }
+    library_ = build("libcorvelstow.dylib", "void corvelstow_start(void) {}\n",
+                     {"-dynamiclib", "-install_name", "@rpath/libcorvelstow.dylib"});
+  }
+
+  // Compiles and links `source` for iOS 15 against the SDK, as the iOS build does.
+  fs::path build(const std::string& name, const std::string& source,
+                 std::vector<std::string> flags = {},
+                 const std::string& target = "arm64-apple-ios15.0") {
+    writeFile(folder_ / "src" / (name + ".c"), source);
+    std::vector<std::string> command = {"clang-16",
+                                        "-target",
+                                        target,
+                                        "-isysroot",
+                                        *sdk_,
+                                        "-fuse-ld=lld",
+                                        "-o",
+                                        (folder_ / name).string(),
+                                        (folder_ / "src" / (name + ".c")).string()};
+    command.insert(command.end(), flags.begin(), flags.end());
+    auto built = runProcess(command);
+    EXPECT_EQ(built.exitCode, 0) << built.err;
+    return folder_ / name;
+  }
+
+  fs::path executable(const std::string& name, std::vector<std::string> flags = {}) {
+    return build(name, "int main(void) { return 0; }\n", std::move(flags));
+  }
+
+  // {name}.app in `parent`, holding `executable` as its main executable, named by an XML or a
+  // binary Info.plist.
+  fs::path makeApp(const fs::path& parent, const std::string& name, const std::string& executable,
+                   bool binaryPlist = false) {
+    const fs::path app = parent / (name + ".app");
+    writeFile(app / name, executable);
+    fs::permissions(app / name, fs::perms(0755));
+    writeFile(app / "Base.lproj/Main.strings", "\"title\" = \"Notes\";\n");
+    PlistDictionary info{{"CFBundleExecutable", {name}}, {"CFBundleIdentifier", {"com.example"}}};
+    writeFile(app / "Info.plist",
+              binaryPlist ? *platform::encodeBinaryPropertyList({info})
+                          : "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">"
+                            "<dict><key>CFBundleExecutable</key><string>" +
+                                name + "</string></dict></plist>\n");
+    return app;
+  }
+
+  testing::ProcessResult inject(const fs::path& app, std::vector<std::string> options = {}) {
+    std::vector<std::string> arguments = {"inject", app.string(), "--library", library_.string()};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    return runCommand(arguments);
+  }
+
+  testing::TempFolder folder_;
+  std::optional<std::string> sdk_;
+  fs::path library_;
+};
+
+// A thin executable, a signed one, one with the run path already, and a fat one (armv7 beside a
+// signed arm64, binary Info.plist): the library lands in Frameworks/, the arm64 code loads it
+// through the run path, every other command is as it was but the signature's, and a second run
+// changes nothing.
+TEST_F(InjectTest, AddsTheLibraryToThinAndFatExecutablesOnce) {
+  const fs::path thin = executable("thin"),
+                 signedThin = executable("signed", {"-Wl,-adhoc_codesign"});
+  const fs::path withRunPath = executable("rpath", {"-Wl,-rpath," + std::string(kRunPath) + "/"});
+  const fs::path armv7 =
+      build("armv7", "int main(void) { return 0; }\n", {}, "armv7-apple-ios10.0");
+  const fs::path fat = folder_ / "fat";
+  auto lipo = runProcess(
+      {"llvm-lipo-16", "-create", armv7.string(), signedThin.string(), "-output", fat.string()});
+  ASSERT_EQ(lipo.exitCode, 0) << lipo.err;
+
+  for (const fs::path& built : {thin, signedThin, withRunPath, fat}) {
+    SCOPED_TRACE(built.filename().string());
+    const fs::path parent = folder_ / ("apps-" + built.filename().string());
+    const fs::path app = makeApp(parent, "Notes", readFile(built), built == fat);
+    const auto original = readTree(app);
+    const bool isSigned = built == signedThin || built == fat;
+    const std::size_t added = built == withRunPath ? 1 : 2;
+
+    auto result = inject(app);
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    const fs::path output = parent / "Notes-corvelstow.app";
+    EXPECT_EQ(result.out, "Wrote " + output.string() + ": its executable Notes loads " +
+                              "libcorvelstow.dylib from Frameworks.\nSign the app with your "
+                              "certificate before installing it" +
+                              (isSigned ? "; its old signature was removed.\n" : ".\n"));
+    EXPECT_EQ(readTree(app), original);
+    EXPECT_EQ(readFile(output / "Frameworks/libcorvelstow.dylib"), readFile(library_));
+    EXPECT_EQ(fs::status(output / "Frameworks/libcorvelstow.dylib").permissions(), fs::perms(0755));
+    EXPECT_EQ(fs::status(output / "Notes").permissions(), fs::perms(0755));
+    EXPECT_EQ(readFile(output / "Base.lproj/Main.strings"), original.at("Base.lproj/Main.strings"));
+
+    std::vector<std::string> commands = loadCommands(output / "Notes");
+    ASSERT_GE(commands.size(), added);
+    const std::string load = commands.end()[-added], rpath = commands.back();
+    commands.resize(commands.size() - added);
+    EXPECT_EQ(commands, withoutSignature(loadCommands(app / "Notes")));
+    EXPECT_TRUE(holds(load, "cmd LC_LOAD_DYLIB\n") && holds(load, "cmdsize 56\n") &&
+                holds(load, "name @rpath/libcorvelstow.dylib (offset 24)\n"))
+        << load;
+    if (added == 2) {
+      EXPECT_TRUE(holds(rpath, "cmd LC_RPATH\n") && holds(rpath, std::string("path ") + kRunPath))
+          << rpath;
+    }
+    // The signature's bytes are cut from the end of the file, the fat table shortened to match.
+    EXPECT_EQ(fs::file_size(output / "Notes") < fs::file_size(built), isSigned);
+
+    const auto injected = readTree(output);
+    auto again = inject(output);
+    EXPECT_EQ(again.exitCode, 0) << again.err;
+    EXPECT_EQ(again.out, "Notes already loads libcorvelstow.dylib; nothing was changed.\n");
+    EXPECT_EQ(readTree(output), injected);
+    EXPECT_EQ(namesIn(parent), (std::vector<std::string>{"Notes-corvelstow.app", "Notes.app"}));
+  }
+}
+
+// Executables it must refuse, each with its sentence, leaving the app as it was and writing
+// nothing beside it.
+TEST_F(InjectTest, RefusesWhatItCannotChangeAndLeavesTheAppAlone) {
+  const std::string thin = readFile(executable("thin"));
+  // One run path long enough to leave 40 bytes between the load commands and the first section.
+  auto dump =
+      runProcess({"llvm-objdump-16", "--macho", "--private-headers", (folder_ / "thin").string()});
+  std::smatch header, text;
+  ASSERT_TRUE(std::regex_search(dump.out, header, std::regex("EXECUTE +\\d+ +(\\d+) ")));
+  ASSERT_TRUE(std::regex_search(dump.out, text,
+                                std::regex("sectname __text\n(?:.*\n)*? +offset (\\d+)\n")));
+  const std::size_t free = std::stoul(text[1]) - 32 - std::stoul(header[1]);
+  const std::string padding = "/" + std::string(free - 40 - 12 - 2, 'x');
+  const std::string crowded = readFile(executable("crowded", {"-Wl,-rpath," + padding}));
+
+  struct Case {
+    std::string name, executable, error;
+    fs::path library = {};
+  };
+  const Case cases[] = {
+      {"Script", "#!/bin/sh\necho hello\n", "Script.app/Script is not a Mach-O file."},
+      {"Short", thin.substr(0, 100),
+       "Short.app/Short is a damaged Mach-O file: its load commands run past its end."},
+      {"Half", thin.substr(0, thin.size() / 2),
+       "Half.app/Half is a damaged Mach-O file: it ends before its last segment."},
+      {"Store", encrypted(thin), "This app is encrypted; use a decrypted copy."},
+      {"Crowded", crowded,
+       "Crowded.app/Crowded has no room for the new load commands: they need 96 bytes after its "
+       "load commands, and 40 are free."},
+      {"Linux", thin, "libcorvelstow.so is not a Mach-O file.",
+       fs::path(CORVELSTOW_COMMAND).parent_path() / "libcorvelstow.so"},
+      {"Exe", thin, "thin is not a dynamic library.", folder_ / "thin"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const fs::path parent = folder_ / c.name;
+    const fs::path app = makeApp(parent, c.name, c.executable);
+    const auto before = readTree(parent);
+    auto result = runCommand(
+        {"inject", app.string(), "--library", (c.library.empty() ? library_ : c.library).string()});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.err, c.error + "\n");
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(readTree(parent), before);
+    EXPECT_EQ(namesIn(parent), std::vector<std::string>{c.name + ".app"});
+  }
+}
+
+// An .ipa made by Python's zipfile: written back beside it with the library in the bundle's
+// Frameworks, every entry where it was and the executables 0755, also when the archive gave no
+// Unix modes; --in-place replaces it; an .ipa with a symbolic link is refused.
+TEST_F(InjectTest, WritesAnIpaBackWithTheLibraryInItsFrameworks) {
+  const fs::path app = makeApp(folder_ / "unpacked/Payload", "Notes",
+                               readFile(executable("signed", {"-Wl,-adhoc_codesign"})));
+  fs::create_symlink("Main.strings", app / "Base.lproj/Link.strings");
+  const char* pack = R"(
+import os, sys, zipfile
+root, path, kind = sys.argv[1:4]
+with zipfile.ZipFile(path, "w", zipfile.ZIP_DEFLATED) as archive:
+    for folder, folders, files in sorted(os.walk(root)):
+        for name in sorted(folders + files):
+            full = os.path.join(folder, name)
+            if kind == "links" or not os.path.islink(full):
+                info = zipfile.ZipInfo.from_file(full, os.path.relpath(full, root))
+                data = os.readlink(full).encode() if os.path.islink(full) else None
+                if kind == "dos":  # as a zipper elsewhere writes it: no Unix mode at all
+                    info.create_system, info.external_attr = 0, 0x10 if info.is_dir() else 0
+                    archive.writestr(info, b"" if info.is_dir() else open(full, "rb").read())
+                elif info.is_dir() or data is not None:
+                    info.external_attr = os.lstat(full).st_mode << 16
+                    archive.writestr(info, data or b"")
+                else:
+                    archive.write(full, info.filename)
+)";
+  auto packAs = [&](const std::string& kind, const fs::path& ipa) {
+    fs::create_directories(ipa.parent_path());
+    auto packed =
+        runProcess({"python3", "-c", pack, (folder_ / "unpacked").string(), ipa.string(), kind});
+    EXPECT_EQ(packed.exitCode, 0) << packed.err;
+  };
+  const fs::path ipa = folder_ / "Notes.ipa", linked = folder_ / "Linked.ipa";
+  const fs::path copy = folder_ / "inplace/Notes.ipa";
+  packAs("files", ipa);
+  packAs("links", linked);
+  packAs("dos", copy);
+  const std::string original = readFile(ipa);
+
+  auto result = inject(ipa);
+  ASSERT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_EQ(readFile(ipa), original);
+  const fs::path output = folder_ / "Notes-corvelstow.ipa";
+  const char* list = R"(
+import sys, zipfile
+archive = zipfile.ZipFile(sys.argv[1])
+assert archive.testzip() is None
+for entry in archive.infolist():
+    print(entry.filename, oct(entry.external_attr >> 16))
+)";
+  auto listed = runProcess({"python3", "-c", list, output.string()});
+  EXPECT_EQ(listed.exitCode, 0) << listed.err;
+  EXPECT_EQ(listed.out,
+            "Payload/ 0o40755\n"
+            "Payload/Notes.app/ 0o40755\n"
+            "Payload/Notes.app/Base.lproj/ 0o40755\n"
+            "Payload/Notes.app/Info.plist 0o100644\n"
+            "Payload/Notes.app/Notes 0o100755\n"
+            "Payload/Notes.app/Base.lproj/Main.strings 0o100644\n"
+            "Payload/Notes.app/Frameworks/ 0o40755\n"
+            "Payload/Notes.app/Frameworks/libcorvelstow.dylib 0o100755\n");
+  auto unzipped = runProcess({"unzip", "-q", output.string(), "-d", (folder_ / "check").string()});
+  ASSERT_EQ(unzipped.exitCode, 0) << unzipped.err;
+  const fs::path checked = folder_ / "check/Payload/Notes.app";
+  EXPECT_EQ(readFile(checked / "Frameworks/libcorvelstow.dylib"), readFile(library_));
+  EXPECT_EQ(readFile(checked / "Base.lproj/Main.strings"),
+            readFile(app / "Base.lproj/Main.strings"));
+  EXPECT_TRUE(holds(loadCommands(checked / "Notes").back(), kRunPath));
+
+  ASSERT_EQ(inject(copy, {"--in-place"}).exitCode, 0);
+  EXPECT_EQ(runProcess({"python3", "-c", list, copy.string()}).out, listed.out);
+  EXPECT_EQ(namesIn(copy.parent_path()), std::vector<std::string>{"Notes.ipa"});
+  EXPECT_EQ(inject(copy).out, "Notes already loads libcorvelstow.dylib; nothing was changed.\n");
+
+  auto refused = inject(linked);
+  EXPECT_EQ(refused.exitCode, 1);
+  EXPECT_EQ(refused.err,
+            "Linked.ipa holds a symbolic link, Payload/Notes.app/Base.lproj/"
+            "Link.strings, which inject does not carry over.\n");
+  EXPECT_FALSE(fs::exists(folder_ / "Linked-corvelstow.ipa"));
+}
+
+}  // namespace
+}  // namespace corvelstow
