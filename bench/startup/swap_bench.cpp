@@ -4,14 +4,15 @@
 //
 //   swap_bench [ENTRIES]     (default 10000)
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <algorithm>
-#include <unistd.h>
 
 #include "startup/swap.h"
 

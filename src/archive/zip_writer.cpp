@@ -1,10 +1,9 @@
 #include "archive/zip_writer.h"
 
-#include <zlib.h>
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <zlib.h>
 
 #include <algorithm>
 #include <cerrno>

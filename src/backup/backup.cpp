@@ -209,7 +209,8 @@ std::string exportFileName(std::string_view appName, StowDate createdAt) {
     if (std::string_view("/\\:?%*|\"<>").find(c) == std::string_view::npos) name += c;
   }
   size_t first = name.find_first_not_of(" \t");
-  name = first == std::string::npos ? "" : name.substr(first, name.find_last_not_of(" \t") - first + 1);
+  name = first == std::string::npos ? ""
+                                    : name.substr(first, name.find_last_not_of(" \t") - first + 1);
   if (name.empty()) name = "App";
 
   CivilTime t = localCivilTime(createdAt);

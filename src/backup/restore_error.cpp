@@ -4,8 +4,7 @@ namespace corvelstow {
 
 StowRestoreError StowRestoreError::incomplete(std::int64_t expected, std::int64_t found) {
   return {Kind::incomplete, "The backup should hold " + std::to_string(expected) +
-                                " files but only " + std::to_string(found) +
-                                " came out of it."};
+                                " files but only " + std::to_string(found) + " came out of it."};
 }
 
 StowRestoreError StowRestoreError::noManifest() {

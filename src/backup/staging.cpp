@@ -157,8 +157,9 @@ std::int64_t unpack(StowZipReader& reader, const std::vector<const StowZipItem*>
     if (!file.close()) throwFileError("write", destination);
     ++done;
     if (done % 8 == 0 || done == fileCount) {
-      progress(static_cast<double>(done) / static_cast<double>(std::max<std::int64_t>(fileCount, 1)),
-               std::to_string(done) + " of " + std::to_string(fileCount) + " files");
+      progress(
+          static_cast<double>(done) / static_cast<double>(std::max<std::int64_t>(fileCount, 1)),
+          std::to_string(done) + " of " + std::to_string(fileCount) + " files");
     }
   }
   return done;

@@ -31,8 +31,8 @@ TreeEntry::Kind kindOf(mode_t mode) {
 
 [[noreturn]] void throwFolderError(const std::string& action, const std::string& relative,
                                    int code) {
-  throwFileError(code, "Could not " + action + " the folder " + relative + ": " +
-                           std::strerror(code) + ".");
+  throwFileError(
+      code, "Could not " + action + " the folder " + relative + ": " + std::strerror(code) + ".");
 }
 
 }  // namespace

@@ -29,8 +29,8 @@ std::string exportsKey(const fs::path& home) {
     while (end > 0 && (static_cast<unsigned char>(name[end]) & 0xC0) == 0x80) --end;
     name.resize(end);
   }
-  const auto hash = ::crc32(0, reinterpret_cast<const Bytef*>(real.data()),
-                            static_cast<uInt>(real.size()));
+  const auto hash =
+      ::crc32(0, reinterpret_cast<const Bytef*>(real.data()), static_cast<uInt>(real.size()));
   char hex[9];
   std::snprintf(hex, sizeof hex, "%08lx", static_cast<unsigned long>(hash));
   return name.empty() ? hex : name + "-" + hex;

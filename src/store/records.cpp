@@ -11,25 +11,31 @@ using nlohmann::json;
 
 std::string_view rawValue(StowRestoreScope scope) {
   switch (scope) {
-    case StowRestoreScope::everything: return "everything";
-    case StowRestoreScope::documents: return "documents";
-    case StowRestoreScope::settings: return "settings";
+    case StowRestoreScope::everything:
+      return "everything";
+    case StowRestoreScope::documents:
+      return "documents";
+    case StowRestoreScope::settings:
+      return "settings";
   }
   return "everything";
 }
 
 std::string_view title(StowRestoreScope scope) {
   switch (scope) {
-    case StowRestoreScope::everything: return "Everything";
-    case StowRestoreScope::documents: return "Documents";
-    case StowRestoreScope::settings: return "Settings";
+    case StowRestoreScope::everything:
+      return "Everything";
+    case StowRestoreScope::documents:
+      return "Documents";
+    case StowRestoreScope::settings:
+      return "Settings";
   }
   return "Everything";
 }
 
 std::optional<StowRestoreScope> scopeFromRawValue(std::string_view raw) {
-  for (auto scope : {StowRestoreScope::everything, StowRestoreScope::documents,
-                     StowRestoreScope::settings}) {
+  for (auto scope :
+       {StowRestoreScope::everything, StowRestoreScope::documents, StowRestoreScope::settings}) {
     if (rawValue(scope) == raw) return scope;
   }
   return std::nullopt;

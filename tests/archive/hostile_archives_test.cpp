@@ -144,7 +144,9 @@ TEST(HostileArchivesTest, EachIsRefusedWithItsSentenceOrReadAsOtherToolsReadIt) 
     const auto restore =
         testing::runCommand({"restore", archive}, {{"CORVELSTOW_HOME", home.path().string()}});
     EXPECT_EQ(restore.exitCode, c.restoreError.empty() ? 0 : 1);
-    if (!c.restoreError.empty()) EXPECT_EQ(lastLine(restore.err), c.restoreError);
+    if (!c.restoreError.empty()) {
+      EXPECT_EQ(lastLine(restore.err), c.restoreError);
+    }
     const fs::path work = home / "Library/CorvelStow";
     EXPECT_EQ(testing::readTree(work / "Staged"), c.staged);
     EXPECT_EQ(fs::exists(work / "staged.json"), c.restoreError.empty());

@@ -106,7 +106,9 @@ TEST(ZipReaderTest, ReadsBackStoredAndDeflatedEntries) {
       EXPECT_EQ(pieces, entry.bytes);
       EXPECT_LE(largest, std::size_t{1} << 20);
       // Random bytes that repeat within DEFLATE's window are compressed, not stored.
-      if (fromFiles && entry.name == "repeats.bin") EXPECT_LT(item.compressedSize, 100000u);
+      if (fromFiles && entry.name == "repeats.bin") {
+        EXPECT_LT(item.compressedSize, 100000u);
+      }
     }
   }
 }

@@ -29,7 +29,9 @@ class BackupTest : public ::testing::Test {
 
   fs::path backUp(bool includeCaches = false) {
     return corvelstow::backUp(layout, app, "Ada's iPhone", includeCaches,
-                              [&](double f, const std::string& d) { reports.push_back({f, d}); });
+                              [&](double f, const std::string& d) {
+                                reports.push_back({f, d});
+                              });
   }
 
   static std::vector<std::string> names(const fs::path& archive) {
@@ -42,9 +44,9 @@ class BackupTest : public ::testing::Test {
 
 TEST_F(BackupTest, AnEmptyContainerHoldsTheManifestAndTheTwoTopFolders) {
   fs::path archive = backUp();
-  EXPECT_EQ(names(archive), (std::vector<std::string>{"manifest.json", "container/",
-                                                     "container/Documents/",
-                                                     "container/Library/"}));
+  EXPECT_EQ(names(archive),
+            (std::vector<std::string>{"manifest.json", "container/", "container/Documents/",
+                                      "container/Library/"}));
   StowManifest manifest = readManifest(archive);
   EXPECT_EQ(manifest.fileCount, 0);
   EXPECT_EQ(manifest.totalBytes, 0);
@@ -65,7 +67,8 @@ TEST_F(BackupTest, ArchivesTheContainerInItsOrderWithItsExclusions) {
   writeFile(layout.library / "Caches/c.bin", "cache");
   writeFile(layout.library / "SplashBoard/s", "s");
   writeFile(layout.library / "Saved Application State/st", "st");
-  writeFile(layout.workFolder / "settings.json", R"({"showOnLaunch": false, "includeCaches": false})");
+  writeFile(layout.workFolder / "settings.json",
+            R"({"showOnLaunch": false, "includeCaches": false})");
   writeFile(layout.exports / "Older 2020-01-01 0000.corvelappdata", "an older export");
 
   fs::path archive = backUp();
@@ -74,14 +77,19 @@ TEST_F(BackupTest, ArchivesTheContainerInItsOrderWithItsExclusions) {
   EXPECT_EQ(entries[0], "manifest.json");
   EXPECT_EQ(entries[1], "container/");
   // Folders come before files; each list starts with Documents, sorted at the top level.
-  std::vector<std::string> expected{
-      "container/Documents/", "container/Documents/Caches/", "container/Documents/a/",
-      "container/Documents/a/deep/", "container/Library/",
-      "container/Library/Application Support/", "container/Library/Application Support/Caches/",
-      "container/Documents/.hidden", "container/Documents/Caches/kept.txt",
-      "container/Documents/a/deep/x.txt", "container/Documents/b.txt",
-      "container/Library/Application Support/Caches/nested",
-      "container/Library/Application Support/db"};
+  std::vector<std::string> expected{"container/Documents/",
+                                    "container/Documents/Caches/",
+                                    "container/Documents/a/",
+                                    "container/Documents/a/deep/",
+                                    "container/Library/",
+                                    "container/Library/Application Support/",
+                                    "container/Library/Application Support/Caches/",
+                                    "container/Documents/.hidden",
+                                    "container/Documents/Caches/kept.txt",
+                                    "container/Documents/a/deep/x.txt",
+                                    "container/Documents/b.txt",
+                                    "container/Library/Application Support/Caches/nested",
+                                    "container/Library/Application Support/db"};
   EXPECT_EQ(std::vector<std::string>(entries.begin() + 2, entries.end()), expected);
 
   StowManifest manifest = readManifest(archive);
@@ -122,9 +130,9 @@ TEST_F(BackupTest, ReportsEveryEighthFileAndTheLast) {
   backUp();
   std::vector<std::string> details;
   for (const auto& report : reports) details.push_back(report.detail);
-  EXPECT_EQ(details, (std::vector<std::string>{"Looking through the app's data", "1 of 20 files",
-                                               "9 of 20 files", "17 of 20 files",
-                                               "20 of 20 files"}));
+  EXPECT_EQ(details,
+            (std::vector<std::string>{"Looking through the app's data", "1 of 20 files",
+                                      "9 of 20 files", "17 of 20 files", "20 of 20 files"}));
   EXPECT_DOUBLE_EQ(reports[2].fraction, 90.0 / 200.0);  // by bytes
   EXPECT_DOUBLE_EQ(reports.back().fraction, 1.0);
 
@@ -160,9 +168,10 @@ TEST_F(BackupTest, AFailedBackupLeavesThePreviousExportAndNoStamp) {
   // b.txt goes while a.txt is archived.
   auto failure = [&] {
     try {
-      corvelstow::backUp(layout, app, false, [&](double, const std::string& detail) {
-        if (detail == "1 of 2 files") fs::remove(layout.documents / "b.txt");
-      });
+      corvelstow::backUp(layout, app, "Ada's iPhone", false,
+                         [&](double, const std::string& detail) {
+                           if (detail == "1 of 2 files") fs::remove(layout.documents / "b.txt");
+                         });
     } catch (const StowFileError& error) {
       return std::string(error.what());
     }

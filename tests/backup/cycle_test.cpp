@@ -33,8 +33,7 @@ class CommandFixture : public testing::ContainerFixture {
   }
 };
 
-class CycleTest : public CommandFixture,
-                  public ::testing::WithParamInterface<StowRestoreScope> {
+class CycleTest : public CommandFixture, public ::testing::WithParamInterface<StowRestoreScope> {
  protected:
   Tree documents() { return readTree(layout.documents); }
 };
@@ -93,8 +92,7 @@ TEST_P(CycleTest, BackUpChangeRestoreRelaunchUndo) {
 
 INSTANTIATE_TEST_SUITE_P(Scopes, CycleTest,
                          ::testing::Values(StowRestoreScope::everything,
-                                           StowRestoreScope::documents,
-                                           StowRestoreScope::settings),
+                                           StowRestoreScope::documents, StowRestoreScope::settings),
                          [](const auto& info) { return std::string(rawValue(info.param)); });
 
 class BackupCommandTest : public CommandFixture {
@@ -251,7 +249,8 @@ TEST_F(BackupCommandTest, NoLinkIsFollowed) {
     std::map<std::string, std::string> extra;
     if (test.whileRunning) {
       // Just after the walk, as the archive is first written to.
-      extra = {{"LD_PRELOAD", CORVELSTOW_FILE_FAULT}, {"CORVELSTOW_RELINK_AT_CHANGE", "1"},
+      extra = {{"LD_PRELOAD", CORVELSTOW_FILE_FAULT},
+               {"CORVELSTOW_RELINK_AT_CHANGE", "1"},
                {"CORVELSTOW_RELINK", replaced.string()},
                {"CORVELSTOW_RELINK_TARGET", test.target.string()}};
     } else {
@@ -311,7 +310,8 @@ TEST_F(BackupCommandTest, DeepTreesAreWhollyBackedUpAndUnopenableFoldersNamed) {
   };
   for (const Case& test : cases) {
     SCOPED_TRACE(test.code);
-    auto fault = env({{"LD_PRELOAD", CORVELSTOW_FILE_FAULT}, {"CORVELSTOW_FAIL_OPEN", "Folder"},
+    auto fault = env({{"LD_PRELOAD", CORVELSTOW_FILE_FAULT},
+                      {"CORVELSTOW_FAIL_OPEN", "Folder"},
                       {"CORVELSTOW_FAIL_OPEN_ERRNO", std::to_string(test.code)}});
     auto run = runCommand({"--json", "backup"}, fault);
     EXPECT_EQ(run.exitCode == 0 ? "" : lastLine(run.err), test.error);
@@ -332,7 +332,8 @@ TEST_F(BackupCommandTest, DeepTreesAreWhollyBackedUpAndUnopenableFoldersNamed) {
 // settings renamed to this app's identifier.
 TEST_F(BackupCommandTest, ABackupWrittenElsewhereRestoresAcrossARelaunch) {
   const fs::path archive = folder / "elsewhere.corvelappdata";
-  const std::string settings = *platform::encodeBinaryPropertyList(PlistValue{domain("theme", "theirs")});
+  const std::string settings =
+      *platform::encodeBinaryPropertyList(PlistValue{domain("theme", "theirs")});
   const std::string script = R"(
 import json, sys, zipfile
 manifest = {"schemaVersion": 1, "bundleIdentifier": "com.other.notes", "appName": "Other Notes",
@@ -344,12 +345,12 @@ with zipfile.ZipFile(sys.argv[1], "w", zipfile.ZIP_DEFLATED) as z:
     z.writestr("container/Library/Preferences/com.other.notes.plist", open(sys.argv[2], "rb").read())
 )";
   writeFile(folder / "settings.plist", settings);
-  auto python = testing::runProcess({"python3", "-c", script, archive.string(),
-                                     (folder / "settings.plist").string()});
+  auto python = testing::runProcess(
+      {"python3", "-c", script, archive.string(), (folder / "settings.plist").string()});
   ASSERT_EQ(python.exitCode, 0) << python.err;
 
-  auto restore = runCommand({"--home", layout.home.string(), "--bundle", bundle.string(),
-                             "restore", archive.string()});
+  auto restore = runCommand(
+      {"--home", layout.home.string(), "--bundle", bundle.string(), "restore", archive.string()});
   ASSERT_EQ(restore.exitCode, 0) << restore.err;
   ASSERT_EQ(launch().exitCode, 0);
   EXPECT_EQ(readTree(layout.documents),
@@ -401,7 +402,8 @@ TEST_F(BackupCommandTest, OptionsAreSavedAndInspectShowsThePreview) {
   auto set = runCommand({"--home", layout.home.string(), "set", "include-caches", "on"});
   ASSERT_EQ(set.exitCode, 0) << set.err;
   EXPECT_TRUE(loadSettings(layout).includeCaches);
-  EXPECT_EQ(runCommand({"--home", layout.home.string(), "set", "show-on-launch", "maybe"}).exitCode, 2);
+  EXPECT_EQ(runCommand({"--home", layout.home.string(), "set", "show-on-launch", "maybe"}).exitCode,
+            2);
 
   fs::create_directories(folder / "tmp");
   auto backup = runCommand({"--json", "backup"}, {{"CORVELSTOW_HOME", layout.home.string()},

@@ -19,8 +19,8 @@
 
 // The C library's own `name`, declared as `real`. dlsym returns functions as object pointers;
 // POSIX guarantees the round trip.
-#define REAL(name)          \
-  __typeof__(&name) real;   \
+#define REAL(name)        \
+  __typeof__(&name) real; \
   *(void**)(&real) = dlsym(RTLD_NEXT, #name)
 
 static int atChange(const char* variable, int change) {

@@ -19,8 +19,7 @@ void ContainerFixture::SetUp() {
             "<key>CFBundleName</key><string>Notes</string></dict></plist>");
 }
 
-void ContainerFixture::stage(StowRestoreScope scope, const std::string& sourceID,
-                             bool withCaches) {
+void ContainerFixture::stage(StowRestoreScope scope, const std::string& sourceID, bool withCaches) {
   const fs::path& staged = layout.staged;
   writeFile(staged / "Documents/a.txt", "backup a");
   writeFile(staged / "Documents/new.txt", "backup new");

@@ -34,11 +34,11 @@ class LaunchTest : public testing::ContainerFixture {
   Tree movableFiles(const fs::path& root) {
     Tree files;
     for (auto& [path, contents] : readTree(root)) {
-      bool moved = path.rfind("Documents/", 0) == 0 ||
-                   (path.rfind("Library/", 0) == 0 && path.rfind("Library/CorvelStow", 0) != 0 &&
-                    path.rfind("Library/Preferences", 0) != 0 &&
-                    path.rfind("Library/SplashBoard", 0) != 0 &&
-                    path.rfind("Library/Saved Application State", 0) != 0);
+      bool moved =
+          path.rfind("Documents/", 0) == 0 ||
+          (path.rfind("Library/", 0) == 0 && path.rfind("Library/CorvelStow", 0) != 0 &&
+           path.rfind("Library/Preferences", 0) != 0 && path.rfind("Library/SplashBoard", 0) != 0 &&
+           path.rfind("Library/Saved Application State", 0) != 0);
       if (moved && contents != "/") files[path] = contents;
     }
     return files;
@@ -79,8 +79,7 @@ TEST_P(LaunchScopeTest, AppliesTheStagedRestoreBeforeTheHostRuns) {
 
 INSTANTIATE_TEST_SUITE_P(Scopes, LaunchScopeTest,
                          ::testing::Values(StowRestoreScope::everything,
-                                           StowRestoreScope::documents,
-                                           StowRestoreScope::settings),
+                                           StowRestoreScope::documents, StowRestoreScope::settings),
                          [](const auto& info) { return std::string(rawValue(info.param)); });
 
 TEST_F(LaunchTest, ChangesNothingWhenNothingIsPendingOrNoContainerIsNamed) {
@@ -180,8 +179,8 @@ TEST_F(LaunchTest, LeavesWhatWaitsForALaunchThatCanReadTheFiles) {
   stage(StowRestoreScope::documents);
   const Tree before = readTree(layout.home);
 
-  auto locked = launch({{"LD_PRELOAD", CORVELSTOW_LOCK_FAULT},
-                        {"CORVELSTOW_LOCKED_FOLDER", layout.home.string()}});
+  auto locked = launch(
+      {{"LD_PRELOAD", CORVELSTOW_LOCK_FAULT}, {"CORVELSTOW_LOCKED_FOLDER", layout.home.string()}});
   ASSERT_EQ(locked.exitCode, 0) << locked.err;
   EXPECT_EQ(readTree(layout.home), before);
 

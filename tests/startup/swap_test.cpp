@@ -40,7 +40,8 @@ TEST_F(SwapTest, EverythingReplacesDataAndSettingsAndKeepsWhatItReplaced) {
   EXPECT_EQ(readFile(layout.library / "Caches/c.bin"), "live cache");
   EXPECT_FALSE(fs::exists(layout.previous / "Library/Caches"));
   // System folders are never moved, in either direction.
-  EXPECT_EQ(readTree(layout.library / "SplashBoard"), (std::map<std::string, std::string>{{"s", "splash"}}));
+  EXPECT_EQ(readTree(layout.library / "SplashBoard"),
+            (std::map<std::string, std::string>{{"s", "splash"}}));
   EXPECT_EQ(readFile(layout.library / "Saved Application State/st"), "state");
 
   // Settings go through the store: staged domains are installed, a live one absent from the

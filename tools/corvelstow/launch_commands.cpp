@@ -61,7 +61,8 @@ void addLaunchCommands(CLI::App& app, CommandList& commands) {
       "run", "Start a program as the app: a waiting undo or restore is applied as it loads");
   auto command = std::make_shared<std::vector<std::string>>();
   run->add_option("command", *command, "The program and its arguments (after --)")->required();
-  commands.push_back({run, [command](const CommandContext& context) { launch(context, *command); }});
+  commands.push_back(
+      {run, [command](const CommandContext& context) { launch(context, *command); }});
 
   auto* request = app.add_subcommand(
       "undo", "Put back the data from before the last restore, the next time the app opens");

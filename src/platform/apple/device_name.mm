@@ -10,8 +10,8 @@ namespace corvelstow::platform {
 std::string deviceName() {
   return apple::catchingAll(std::string("iPhone"), [] {
     UIDevice* device = UIDevice.currentDevice;
-    return apple::stringFrom(device.name).value_or(
-        apple::stringFrom(device.model).value_or("iPhone"));
+    return apple::stringFrom(device.name)
+        .value_or(apple::stringFrom(device.model).value_or("iPhone"));
   });
 }
 
