@@ -1,21 +1,26 @@
 #!/usr/bin/env python3
-"""Backup and restore staging beside the tools a user would pick instead.
+"""Backup and restore staging, on one thread and on all, beside the tools a user would pick.
 
-    bench/backup/compare.py [--build build] [--work DIR] [--runs 3] [SCALE ...]
+    bench/backup/compare.py [--build build] [--work DIR] [--runs 3] [--threads N] [SCALE ...]
 
 SCALE is typical, many-small or one-big (default: all three), containers made by
 bench/make_container.py and kept in DIR/containers between runs. For each one:
 
-  backup:  corvelstow backup   vs  zip -r -6 -q   vs  bsdtar --format zip -cf
-  restore: corvelstow restore  vs  unzip -q       vs  bsdtar -xf      (into a tmpfs)
+  backup:  corvelstow backup --threads 1 and --threads N (default: every core)
+           vs  bsdtar --format zip -cf  vs  zip -r -6  vs  tar -c | pigz -6 -c (the parallel peer)
+  staging: corvelstow restore --threads 1 and --threads N
+           vs  bsdtar -xf  vs  unzip -q   (into a tmpfs, from the archive corvelstow wrote)
 
-each the best of --runs, with its wall time, peak RSS (from /usr/bin/time) and archive size.
-Everything runs single-threaded at the tools' default levels; the archive every tool unpacks
-is the one corvelstow wrote.
+The commands of one group run in turn, and that round is repeated --runs times, so that a
+change in the machine's load falls on all of them alike. Each figure is the median of the
+runs: wall time, throughput over the data's size, peak RSS (/usr/bin/time) and output size.
+Ratios are to bsdtar (and, for many small files, to zip); the speed-up is one thread's time
+over N threads'.
 """
 import argparse
 import os
 import shutil
+import statistics
 import subprocess
 import sys
 
@@ -34,12 +39,42 @@ def timed(command, cwd=None, env=None):
     return float(seconds), int(kib) / 1024
 
 
-def best(runs, prepare, command, **kwargs):
-    results = []
+class Contender:
+    """One command of a group: how to ready its run, what to run, and where its output lands."""
+
+    def __init__(self, label, command, prepare=None, output=None, cwd=None, env=None):
+        self.label, self.command, self.prepare = label, command, prepare
+        self.output, self.cwd, self.env = output, cwd, env
+        self.seconds, self.rss, self.size = [], [], None
+
+    def run(self):
+        if self.prepare:
+            self.prepare()
+        seconds, rss = timed(self.command, cwd=self.cwd, env=self.env)
+        self.seconds.append(seconds)
+        self.rss.append(rss)
+        if self.output:
+            self.size = os.path.getsize(self.output())
+
+    @property
+    def median(self):
+        return statistics.median(self.seconds)
+
+
+def alternate(contenders, runs):
     for _ in range(runs):
-        prepare()
-        results.append(timed(command, **kwargs))
-    return min(r[0] for r in results), max(r[1] for r in results)
+        for contender in contenders:
+            contender.run()
+
+
+def report(title, contenders, data_bytes, baselines):
+    print(f"  {title:<30} {'seconds':>8} {'MB/s':>7} {'RSS MiB':>8} {'size MB':>9}" +
+          "".join(f" {'x ' + b.label.split()[0]:>9}" for b in baselines))
+    for c in contenders:
+        size = f"{c.size / 1e6:9.1f}" if c.size is not None else f"{'':>9}"
+        ratios = "".join(f" {c.median / b.median:9.2f}" for b in baselines)
+        print(f"  {c.label:<30} {c.median:8.2f} {data_bytes / c.median / 1e6:7.1f} "
+              f"{max(c.rss):8.1f} {size}{ratios}")
 
 
 def container_for(scale, work):
@@ -48,12 +83,6 @@ def container_for(scale, work):
         subprocess.run([sys.executable, MAKE_CONTAINER, path, "--scale", scale, "--force"],
                        check=True)
     return path
-
-
-def report(label, seconds, rss, size=None, data_bytes=None):
-    rate = f"{data_bytes / seconds / 1e6:8.1f} MB/s" if data_bytes and seconds else ""
-    extra = f"  {size / 1e6:9.1f} MB" if size is not None else ""
-    print(f"  {label:<34} {seconds:8.2f} s {rate}  {rss:7.1f} MiB RSS{extra}")
 
 
 def tree_bytes(path):
@@ -66,63 +95,86 @@ def tree_bytes(path):
     return total
 
 
+def removed(path):
+    def remove():
+        if os.path.isdir(path):
+            shutil.rmtree(path)
+        elif os.path.exists(path):
+            os.remove(path)
+    return remove
+
+
+def emptied(path, *inside):
+    def empty():
+        shutil.rmtree(path, ignore_errors=True)
+        os.makedirs(os.path.join(path, *inside))
+    return empty
+
+
+def only_file(folder):
+    return next(os.path.join(place, name) for place, _, names in os.walk(folder) for name in names)
+
+
+def bench_backup(container, command, threads, out, runs, data):
+    exports = os.path.join(out, "CorvelStow Exports")
+    env = dict(os.environ, TMPDIR=out, CORVELSTOW_HOME=container)
+    backup = [command, "backup", "--include-caches", "--threads"]
+    zip_out, tar_out, pigz_out = (os.path.join(out, name) for name in
+                                  ("zip.zip", "bsdtar.zip", "tar.gz"))
+    ours = [Contender(f"corvelstow backup, {n} thread{'s' if n > 1 else ''}", backup + [str(n)],
+                      removed(exports), lambda: only_file(exports), env=env)
+            for n in sorted({1, threads})]
+    bsdtar = Contender("bsdtar --format zip -cf",
+                       ["bsdtar", "--format", "zip", "-cf", tar_out, "Documents", "Library"],
+                       removed(tar_out), lambda: tar_out, cwd=container)
+    zip_r = Contender("zip -r -6", ["zip", "-r", "-6", "-q", zip_out, "Documents", "Library"],
+                      removed(zip_out), lambda: zip_out, cwd=container)
+    pigz = Contender(f"tar -c | pigz -6 -c (-p {threads})",
+                     ["sh", "-c", f"tar -cf - Documents Library | pigz -6 -c -p {threads} > "
+                      f"'{pigz_out}'"], removed(pigz_out), lambda: pigz_out, cwd=container)
+    everyone = ours + [bsdtar, zip_r, pigz]
+    alternate(everyone, runs)
+    report("backup", everyone, data, [bsdtar, zip_r])
+    if len(ours) == 2:
+        print(f"  speed-up from 1 to {threads} threads: {ours[0].median / ours[1].median:.2f}x")
+    archive = os.path.join(out, "corvelstow.zip")
+    shutil.move(only_file(exports), archive)
+    for path in (zip_out, tar_out, pigz_out):
+        removed(path)()
+    return archive
+
+
+def bench_staging(archive, command, threads, runs, data):
+    home = os.path.join(TMPFS, "corvelstow-bench-home")
+    target = os.path.join(TMPFS, "corvelstow-bench-unzip")
+    env = dict(os.environ, CORVELSTOW_HOME=home)
+    ours = [Contender(f"corvelstow restore, {n} thread{'s' if n > 1 else ''}",
+                      [command, "restore", archive, "--threads", str(n)],
+                      emptied(home, "Documents"), env=env)
+            for n in sorted({1, threads})]
+    bsdtar = Contender("bsdtar -xf", ["bsdtar", "-xf", archive, "-C", target], emptied(target))
+    unzip = Contender("unzip -q", ["unzip", "-q", archive, "-d", target], emptied(target))
+    everyone = ours + [bsdtar, unzip]
+    alternate(everyone, runs)
+    report("restore staging", everyone, data, [bsdtar])
+    if len(ours) == 2:
+        print(f"  speed-up from 1 to {threads} threads: {ours[0].median / ours[1].median:.2f}x")
+    removed(home)()
+    removed(target)()
+
+
 def bench(scale, args):
     container = container_for(scale, args.work)
     command = os.path.abspath(os.path.join(args.build, "corvelstow"))
     data = tree_bytes(os.path.join(container, "Documents")) + tree_bytes(
         os.path.join(container, "Library"))
-    print(f"{scale}: {data / 1e6:.1f} MB of data")
+    files = sum(len(names) for _, _, names in os.walk(container))
+    print(f"\n{scale}: {files} files, {data / 1e6:.1f} MB; medians of {args.runs} rounds")
     out = os.path.join(args.work, "out")
     os.makedirs(out, exist_ok=True)
-    exports = os.path.join(out, "CorvelStow Exports")
-    env = dict(os.environ, TMPDIR=out, CORVELSTOW_HOME=container)
-
-    def clear(path):
-        return lambda: shutil.rmtree(path, ignore_errors=True) if os.path.isdir(path) else (
-            os.path.exists(path) and os.remove(path))
-
-    # Backup
-    seconds, rss = best(args.runs, clear(exports), [command, "backup", "--include-caches"], env=env)
-    # The one export, in the container's own folder inside the exports folder.
-    archive = next(os.path.join(folder, name) for folder, _, names in os.walk(exports)
-                   for name in names)
-    ours = os.path.join(out, "corvelstow.zip")
-    shutil.move(archive, ours)
-    report("corvelstow backup", seconds, rss, os.path.getsize(ours), data)
-    zip_out = os.path.join(out, "zip.zip")
-    seconds, rss = best(args.runs, clear(zip_out),
-                        ["zip", "-r", "-6", "-q", zip_out, "Documents", "Library"], cwd=container)
-    report("zip -r -6", seconds, rss, os.path.getsize(zip_out), data)
-    tar_out = os.path.join(out, "bsdtar.zip")
-    seconds, rss = best(args.runs, clear(tar_out),
-                        ["bsdtar", "--format", "zip", "-cf", tar_out, "Documents", "Library"],
-                        cwd=container)
-    report("bsdtar --format zip -cf", seconds, rss, os.path.getsize(tar_out), data)
-    os.remove(zip_out)
-    os.remove(tar_out)
-
-    # Restore staging, into a tmpfs
-    home = os.path.join(TMPFS, "corvelstow-bench-home")
-    target = os.path.join(TMPFS, "corvelstow-bench-unzip")
-    env = dict(os.environ, CORVELSTOW_HOME=home)
-
-    def fresh_home():
-        shutil.rmtree(home, ignore_errors=True)
-        os.makedirs(os.path.join(home, "Documents"))
-
-    def fresh_target():
-        shutil.rmtree(target, ignore_errors=True)
-        os.makedirs(target)
-
-    seconds, rss = best(args.runs, fresh_home, [command, "restore", ours], env=env)
-    report("corvelstow restore (staging)", seconds, rss, None, data)
-    seconds, rss = best(args.runs, fresh_target, ["unzip", "-q", ours, "-d", target])
-    report("unzip", seconds, rss, None, data)
-    seconds, rss = best(args.runs, fresh_target, ["bsdtar", "-xf", ours, "-C", target])
-    report("bsdtar -xf", seconds, rss, None, data)
-    shutil.rmtree(home, ignore_errors=True)
-    shutil.rmtree(target, ignore_errors=True)
-    os.remove(ours)
+    archive = bench_backup(container, command, args.threads, out, args.runs, data)
+    bench_staging(archive, command, args.threads, args.runs, data)
+    os.remove(archive)
 
 
 def main():
@@ -130,8 +182,12 @@ def main():
     parser.add_argument("--build", default="build")
     parser.add_argument("--work", default=os.path.join(ROOT, "build", "bench-work"))
     parser.add_argument("--runs", type=int, default=3)
+    parser.add_argument("--threads", type=int, default=os.cpu_count() or 1)
     parser.add_argument("scales", nargs="*", default=["typical", "many-small", "one-big"])
     args = parser.parse_args()
+    for tool in ("bsdtar", "zip", "unzip", "pigz", "/usr/bin/time"):
+        if not shutil.which(tool):
+            sys.exit(f"{tool} is missing: sh scripts/install-deps installs it.")
     for scale in args.scales:
         bench(scale, args)
 
