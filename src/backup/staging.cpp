@@ -135,9 +135,6 @@ std::uint64_t checkRoom(const fs::path& staged, const std::vector<const StowZipI
                        static_cast<std::uint64_t>(std::max<std::int64_t>(manifestBytes, 0)));
 }
 
-// How many threads unpack at once when the caller leaves it open: one for each core.
-unsigned processorCount() { return std::max(1u, std::thread::hardware_concurrency()); }
-
 // What each unpacking thread keeps of its own.
 struct UnpackThread {
   StowZipReader::Unpacker unpacker;
@@ -210,8 +207,10 @@ std::int64_t unpack(const StowZipReader& reader, const std::vector<const StowZip
 
 }  // namespace
 
+unsigned stagingThreads() { return std::max(1u, std::thread::hardware_concurrency()); }
+
 void stageRestore(const StowLayout& layout, const fs::path& archive, StowRestoreScope scope,
-                  const StowProgress& progress, unsigned threads) {
+                  unsigned threads, const StowProgress& progress) {
   // Ends (when it began) whatever happens below, failures included.
   platform::ScopedFileAccess access(archive);
   StowContainerLock lock = StowContainerLock::acquire(layout);
@@ -238,10 +237,8 @@ void stageRestore(const StowLayout& layout, const fs::path& archive, StowRestore
   ScopeGuard clearOnFailure([&] { clearStaging(layout); });
   checkNames(selected);
   const std::uint64_t limit = checkRoom(layout.staged, selected, manifest.totalBytes);
-  if (threads == 0) threads = processorCount();
-  threads = std::min(threads, kMostThreads);
-  std::int64_t done =
-      unpack(reader, selected, layout.staged.string(), fileCount, limit, threads, progress);
+  std::int64_t done = unpack(reader, selected, layout.staged.string(), fileCount, limit,
+                             std::clamp(threads, 1u, kMostThreads), progress);
   // Parts of a backup are partial by design; only a whole restore is held to the count.
   if (scope == StowRestoreScope::everything && manifest.fileCount > 0 &&
       done < manifest.fileCount) {

@@ -55,9 +55,8 @@ class StagingTest : public ::testing::TestWithParam<unsigned> {
   }
 
   void stage(StowRestoreScope scope) {
-    stageRestore(
-        layout, archive, scope,
-        [&](double, const std::string& detail) { details.push_back(detail); }, GetParam());
+    stageRestore(layout, archive, scope, GetParam(),
+                 [&](double, const std::string& detail) { details.push_back(detail); });
   }
 
   // Staging fails with exactly `message` and leaves neither Staged nor staged.json behind.
