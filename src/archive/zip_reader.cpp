@@ -257,7 +257,6 @@ void StowZipReader::readDirectory() {
     // Every local header lies before the directory.
     if (extent.localHeaderOffset >= place.offset) throw StowZipError::notAZip();
     StowZipItem item;
-    item.storedName = header->name;
     if (header->flags & zip::kFlagUtf8) {
       item.path = zip::decodeName(header->name);
     } else if (auto unicode = zip::unicodePath(*header)) {
@@ -267,6 +266,7 @@ void StowZipReader::readDirectory() {
       item.path = zip::decodeCp437(header->name);
       item.nameEncoding = StowZipItem::NameEncoding::cp437;
     }
+    if (item.path != header->name) item.otherStoredName = std::move(header->name);
     item.versionMadeBy = header->versionMadeBy;
     item.flags = header->flags;
     item.method = header->method;

@@ -21,7 +21,9 @@ struct StowZipItem {
   enum class NameEncoding { utf8, unicodePathField, cp437 };
 
   std::string path;  ///< the name as text (U+FFFD for bytes that are not UTF-8); folders end in "/"
-  std::string storedName;  ///< the name's bytes as the central directory holds them
+  /// The name's bytes as the central directory holds them, kept apart only where they differ
+  /// from `path`: a large archive's names are then held once.
+  std::optional<std::string> otherStoredName;
   NameEncoding nameEncoding = NameEncoding::utf8;
   std::uint16_t versionMadeBy = 0;  ///< its high byte names the system that made the entry
   std::uint16_t flags = 0;          ///< the general-purpose flags
@@ -31,6 +33,9 @@ struct StowZipItem {
   std::uint64_t size = 0;
   std::uint64_t headerOffset = 0;  ///< of the entry's local header
   std::uint16_t mode = 0;  ///< Unix type and permission bits, when made on a Unix host; else 0
+
+  /// The name's bytes as the central directory holds them.
+  std::string_view storedName() const { return otherStoredName ? *otherStoredName : path; }
 };
 
 /// Whether an entry's path may be unpacked below a folder: not empty, not absolute, no ".."

@@ -60,7 +60,7 @@ bool inScope(std::string_view relative, StowRestoreScope scope) {
 std::string_view relativeName(const StowZipItem& item) {
   const bool unixBytes = item.nameEncoding == StowZipItem::NameEncoding::cp437 &&
                          item.versionMadeBy >> 8 == zip::kHostUnix;
-  return std::string_view(unixBytes ? item.storedName : item.path).substr(kPrefix.size());
+  return (unixBytes ? item.storedName() : std::string_view(item.path)).substr(kPrefix.size());
 }
 
 // A name as a message shows it: a NUL byte would end the message there, so it is spelled out.

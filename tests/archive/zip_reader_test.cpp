@@ -110,8 +110,8 @@ TEST(ZipReaderTest, ReadsBackStoredAndDeflatedEntries) {
       const StowZipWriter::Written& written = writer.written()[i + 1];
       SCOPED_TRACE(entry.path + (fromFiles ? " from a file" : " in memory"));
       const int method = fromFiles && !entry.bytes.empty() ? 8 : 0;
-      EXPECT_EQ(std::make_tuple(item.path, item.storedName, int{item.method}, item.size,
-                                item.compressedSize, item.headerOffset),
+      EXPECT_EQ(std::make_tuple(item.path, std::string(item.storedName()), int{item.method},
+                                item.size, item.compressedSize, item.headerOffset),
                 std::make_tuple(entry.path, entry.name, method, std::uint64_t{entry.bytes.size()},
                                 std::uint64_t{written.compressed}, std::uint64_t{written.offset}));
       std::string pieces;
