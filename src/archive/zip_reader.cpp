@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <limits>
+#include <system_error>
 
 #include "archive/crc32.h"
 #include "archive/piece_pipeline.h"
@@ -118,17 +119,22 @@ void StowZipReader::Unpacker::extract(const StowZipItem& item, const ByteSink& s
 
 void StowZipReader::Unpacker::extractBeside(const StowZipItem& item, const ByteSink& sink) {
   StowCRC32 crc;
-  StowPiecePipeline pipeline([&](std::string_view piece) {
-    sink(piece);
-    crc.update(piece);
-  });
+  std::optional<StowPiecePipeline> pipeline;
   try {
-    unpack(item, [&](std::string_view piece) { pipeline.put(piece); });
+    pipeline.emplace([&](std::string_view piece) {
+      sink(piece);
+      crc.update(piece);
+    });
+  } catch (const std::system_error&) {
+    return extract(item, sink);  // no second thread to be had: all on this one
+  }
+  try {
+    unpack(item, [&](std::string_view piece) { pipeline->put(piece); });
   } catch (...) {
-    pipeline.finish();  // a failure of the sink on what came before is the one that counts
+    pipeline->finish();  // a failure of the sink on what came before is the one that counts
     throw;
   }
-  pipeline.finish();
+  pipeline->finish();
   if (crc.checksum() != item.crc) throw StowZipError::damaged(item.path);
 }
 
