@@ -1,9 +1,11 @@
 #include "backup/ordered_work.h"
 
+#include <algorithm>
 #include <condition_variable>
 #include <cstdint>
 #include <exception>
 #include <mutex>
+#include <numeric>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -26,19 +28,24 @@ std::size_t runAlone(std::size_t count, std::size_t every, const Work& work,
   return finished;
 }
 
-// What the threads share: the next index to take, the cut-off after a failure, and under the
-// mutex what the calling thread waits for.
+// What the threads share: the order in which they take the indexes and how far they are in it,
+// the cut-off after a failure, and under the mutex what the calling thread waits for.
 struct Crew {
   Crew(std::size_t count, std::size_t every, const Work& work)
       : count(count), every(every), work(work), cutoff(count) {}
+
+  std::size_t indexAt(std::size_t position) const {
+    return order.empty() ? position : order[position];
+  }
 
   void runThread(unsigned thread);
   void fail(std::size_t index, std::exception_ptr error);
 
   const std::size_t count, every;
   const Work& work;
-  std::atomic<std::size_t> next{0};
-  std::atomic<std::size_t> cutoff;  // the indexes from here on are no longer needed
+  std::vector<std::size_t> order;    // of the indexes, when it is not increasing
+  std::atomic<std::size_t> next{0};  // the next position in that order
+  std::atomic<std::size_t> cutoff;   // the indexes from here on are no longer needed
 
   std::mutex mutex;
   std::condition_variable changed;
@@ -49,9 +56,10 @@ struct Crew {
 };
 
 void Crew::runThread(unsigned thread) {
-  for (;;) {
-    const std::size_t index = next.fetch_add(1);
-    if (index >= count || index >= cutoff.load()) break;
+  for (std::size_t position; (position = next.fetch_add(1)) < count;) {
+    // Past a failure only lower indexes are still needed, and they may come later in the order.
+    const std::size_t index = indexAt(position);
+    if (index >= cutoff.load()) continue;
     try {
       if (work({thread, index, &cutoff})) {
         std::lock_guard lock(mutex);
@@ -78,10 +86,15 @@ void Crew::fail(std::size_t index, std::exception_ptr error) {
 }  // namespace
 
 std::size_t runInOrder(std::size_t count, unsigned threads, std::size_t every, const Work& work,
-                       const Progress& progress) {
+                       const Progress& progress, const std::function<bool(std::size_t)>& early) {
   if (threads <= 1 || count <= 1) return runAlone(count, every, work, progress);
 
   Crew crew(count, every, work);
+  if (early) {
+    crew.order.resize(count);
+    std::iota(crew.order.begin(), crew.order.end(), std::size_t{0});
+    std::stable_partition(crew.order.begin(), crew.order.end(), early);
+  }
   std::vector<std::thread> pool;
   ScopeGuard joinAll([&] {
     crew.cutoff.store(0);  // when the calling thread stops waiting early, nothing is needed

@@ -18,7 +18,9 @@ struct StowWorkSlot {
 };
 
 /// Runs `work` on every index from 0 to `count` - 1 on up to `threads` threads, which take the
-/// indexes in increasing order; with one thread, on the calling thread alone. The calling thread
+/// indexes in increasing order, those for which `early` answers true before the others (the
+/// long ones, so that none of them is left to run alone at the end); with one thread, all in
+/// increasing order on the calling thread alone. The calling thread
 /// hears `progress(finished)`, with the number of indexes finished whose `work` returned true,
 /// whenever that number reaches a multiple of `every` (it may have grown further by then), and
 /// once at the end. Returns that number.
@@ -29,6 +31,7 @@ struct StowWorkSlot {
 /// `progress` throws.
 std::size_t runInOrder(std::size_t count, unsigned threads, std::size_t every,
                        const std::function<bool(const StowWorkSlot&)>& work,
-                       const std::function<void(std::size_t finished)>& progress);
+                       const std::function<void(std::size_t finished)>& progress,
+                       const std::function<bool(std::size_t index)>& early = {});
 
 }  // namespace corvelstow

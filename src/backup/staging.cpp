@@ -201,8 +201,9 @@ std::int64_t unpack(const StowZipReader& reader, const std::vector<const StowZip
     }
     reported = done;
   };
+  const auto large = [&](std::size_t index) { return selected[index]->size >= kLargeFile; };
   return static_cast<std::int64_t>(
-      runInOrder(selected.size(), threads, kProgressEvery, unpackOne, report));
+      runInOrder(selected.size(), threads, kProgressEvery, unpackOne, report, large));
 }
 
 }  // namespace
