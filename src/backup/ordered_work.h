@@ -20,10 +20,10 @@ struct StowWorkSlot {
 /// Runs `work` on every index from 0 to `count` - 1 on up to `threads` threads, which take the
 /// indexes in increasing order, those for which `early` answers true before the others (the
 /// long ones, so that none of them is left to run alone at the end); with one thread, all in
-/// increasing order on the calling thread alone. The calling thread
-/// hears `progress(finished)`, with the number of indexes finished whose `work` returned true,
-/// whenever that number reaches a multiple of `every` (it may have grown further by then), and
-/// once at the end. Returns that number.
+/// increasing order on the calling thread alone. The calling thread hears `progress(finished)`,
+/// with the number of indexes finished whose `work` returned true, whenever that number reaches
+/// a multiple of `every` (it may have grown further by then), and once at the end. Returns that
+/// number.
 ///
 /// The outcome is that of running the indexes one after another: when some fail, the exception
 /// of the lowest failing index is rethrown here, every index below it has run to its end, and no
