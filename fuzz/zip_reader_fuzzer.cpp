@@ -1,7 +1,7 @@
 // Feeds arbitrary bytes to the archive reader as a file: open it, list it, and unpack every item,
-// checking that none gives more than its declared size, nor, when it unpacks, less. Only the
-// archive errors may come out; anything else, a crash, a leak or an allocation past the limit is a
-// finding.
+// checking that none gives more than its declared size, nor, when it unpacks, less, and that
+// unpacking it on two threads comes to the same. Only the archive errors may come out; anything
+// else, a crash, a leak or an allocation past the limit is a finding.
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <optional>
 #include <string>
 
 #include "archive/zip_error.h"
@@ -34,10 +35,30 @@ int inputFile() {
   return fd;
 }
 
+using Failure = std::optional<corvelstow::StowZipError::Kind>;
+
+// Unpacks `item` on two threads: the same bytes as on one (`produced` of them) or the same
+// failure, and never past the declared size.
+void unpackBeside(corvelstow::StowZipReader::Unpacker& unpacker,
+                  const corvelstow::StowZipItem& item, std::uint64_t produced, Failure failure) {
+  std::uint64_t beside = 0;
+  Failure besideFailure;
+  try {
+    unpacker.extractBeside(item, [&](std::string_view piece) {
+      beside += piece.size();
+      if (beside > item.size) std::abort();
+    });
+  } catch (const corvelstow::StowZipError& error) {
+    besideFailure = error.kind();
+  }
+  if (besideFailure != failure || (!failure && beside != produced)) std::abort();
+}
+
 // Unpacks `item`, holding it to its declared size; false once the budget is spent.
-bool unpack(corvelstow::StowZipReader& reader, const corvelstow::StowZipItem& item,
-            std::uint64_t& budget) {
+bool unpack(corvelstow::StowZipReader& reader, corvelstow::StowZipReader::Unpacker& unpacker,
+            const corvelstow::StowZipItem& item, std::uint64_t& budget) {
   std::uint64_t produced = 0;
+  Failure failure;
   try {
     reader.extract(item, [&](std::string_view piece) {
       produced += piece.size();
@@ -47,10 +68,12 @@ bool unpack(corvelstow::StowZipReader& reader, const corvelstow::StowZipItem& it
     });
     if (produced != item.size) std::abort();  // unpacked, yet short of it
     if (item.size <= kSmallEntry && reader.data(item).size() != item.size) std::abort();
-  } catch (const corvelstow::StowZipError&) {
+  } catch (const corvelstow::StowZipError& error) {
+    failure = error.kind();
   } catch (const BudgetSpent&) {
     return false;
   }
+  unpackBeside(unpacker, item, produced, failure);
   return true;
 }
 
@@ -63,9 +86,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   try {
     corvelstow::StowZipReader reader("/proc/self/fd/" + std::to_string(fd));
+    corvelstow::StowZipReader::Unpacker unpacker = reader.unpacker();
     std::uint64_t budget = kOutputBudget;
     for (const corvelstow::StowZipItem& item : reader.items()) {
-      if (!unpack(reader, item, budget)) break;
+      if (!unpack(reader, unpacker, item, budget)) break;
     }
   } catch (const corvelstow::StowZipError&) {
   }

@@ -7,8 +7,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <limits>
+#include <system_error>
 
 #include "archive/crc32.h"
+#include "archive/piece_pipeline.h"
 #include "archive/zip_error.h"
 #include "archive/zip_format.h"
 #include "base/file_error.h"
@@ -38,17 +40,34 @@ bool isSafeEntryPath(std::string_view path) {
   return true;
 }
 
-StowZipReader::StowZipReader(const fs::path& location) : location_(location) {
-  fd_.reset(::open(location.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!fd_) throwFileError("open", location);
+// The open archive, shared by the reader and its unpackers. Every read names its offset, so
+// that unpackers on several threads read at once.
+struct StowZipReader::Source {
+  fs::path location;
+  UniqueFd fd;
+  std::uint64_t length = 0;
+  std::size_t pieceSize = 0;          // the most read at once: 1 MiB, less for a smaller archive
+  std::vector<std::uint64_t> starts;  // every local header's offset and the directory's, sorted
+
+  std::size_t readAt(std::uint64_t offset, char* buffer, std::size_t count) const;
+  std::uint64_t dataStart(const StowZipItem& item) const;
+  std::uint64_t nextStart(std::uint64_t headerOffset) const;
+};
+
+StowZipReader::StowZipReader(const fs::path& location) : source_(std::make_shared<Source>()) {
+  Source& source = *source_;
+  source.location = location;
+  source.fd.reset(::open(location.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!source.fd) throwFileError("open", location);
   struct stat info {};
-  if (::fstat(fd_.get(), &info) != 0) throwFileError("read", location);
+  if (::fstat(source.fd.get(), &info) != 0) throwFileError("read", location);
   if (S_ISDIR(info.st_mode)) {
     errno = EISDIR;
     throwFileError("read", location);
   }
-  length_ = static_cast<std::uint64_t>(std::max<off_t>(info.st_size, 0));
-  bufferSize_ = static_cast<std::size_t>(std::min<std::uint64_t>(kPieceSize, length_ + 1));
+  source.length = static_cast<std::uint64_t>(std::max<off_t>(info.st_size, 0));
+  source.pieceSize =
+      static_cast<std::size_t>(std::min<std::uint64_t>(kPieceSize, source.length + 1));
   readDirectory();
 }
 
@@ -59,7 +78,7 @@ StowZipReader& StowZipReader::operator=(StowZipReader&&) noexcept = default;
 std::string StowZipReader::data(const StowZipItem& item) {
   std::string bytes;
   // The declared size is only a hint, and never trusted past the size of the archive itself.
-  bytes.reserve(static_cast<std::size_t>(std::min(item.size, length_)));
+  bytes.reserve(static_cast<std::size_t>(std::min(item.size, source_->length)));
   extract(item, [&bytes](std::string_view piece) { bytes += piece; });
   return bytes;
 }
@@ -71,13 +90,64 @@ void StowZipReader::extract(const StowZipItem& item, int destinationFd) {
 }
 
 void StowZipReader::extract(const StowZipItem& item, const ByteSink& sink) {
-  const std::uint64_t start = dataStart(item);
+  ownUnpacker().extract(item, sink);
+}
+
+StowZipReader::Unpacker StowZipReader::unpacker() const { return Unpacker(source_); }
+
+StowZipReader::Unpacker& StowZipReader::ownUnpacker() {
+  if (!unpacker_) unpacker_.reset(new Unpacker(source_));
+  return *unpacker_;
+}
+
+// Unpacker
+
+StowZipReader::Unpacker::Unpacker(std::shared_ptr<const Source> source)
+    : source_(std::move(source)) {}
+StowZipReader::Unpacker::~Unpacker() = default;
+StowZipReader::Unpacker::Unpacker(Unpacker&&) noexcept = default;
+StowZipReader::Unpacker& StowZipReader::Unpacker::operator=(Unpacker&&) noexcept = default;
+
+void StowZipReader::Unpacker::extract(const StowZipItem& item, const ByteSink& sink) {
+  StowCRC32 crc;
+  unpack(item, [&](std::string_view piece) {
+    sink(piece);
+    crc.update(piece);
+  });
+  if (crc.checksum() != item.crc) throw StowZipError::damaged(item.path);
+}
+
+void StowZipReader::Unpacker::extractBeside(const StowZipItem& item, const ByteSink& sink) {
+  StowCRC32 crc;
+  std::optional<StowPiecePipeline> pipeline;
+  try {
+    pipeline.emplace([&](std::string_view piece) {
+      sink(piece);
+      crc.update(piece);
+    });
+  } catch (const std::system_error&) {
+    return extract(item, sink);  // no second thread to be had: all on this one
+  }
+  try {
+    unpack(item, [&](std::string_view piece) { pipeline->put(piece); });
+  } catch (...) {
+    pipeline->finish();  // a failure of the sink on what came before is the one that counts
+    throw;
+  }
+  pipeline->finish();
+  if (crc.checksum() != item.crc) throw StowZipError::damaged(item.path);
+}
+
+// The entry's bytes, held to its declared sizes; the checksum is the caller's.
+void StowZipReader::Unpacker::unpack(const StowZipItem& item, const ByteSink& sink) {
+  const Source& source = *source_;
+  const std::uint64_t start = source.dataStart(item);
   if (item.flags & zip::kFlagEncrypted) throw StowZipError::encrypted(item.path);
   if (item.method != zip::kMethodStored && item.method != zip::kMethodDeflated) {
     throw StowZipError::unsupportedMethod(item.method, item.path);
   }
   // The data must end before the next entry (or the directory) begins.
-  const std::uint64_t limit = nextStart(item.headerOffset);
+  const std::uint64_t limit = source.nextStart(item.headerOffset);
   if (start > limit || item.compressedSize > limit - start) throw StowZipError::damaged(item.path);
   if (item.method == zip::kMethodStored) {
     unpackStored(item, start, sink);
@@ -105,9 +175,9 @@ struct StowZipReader::DirectoryPlace {
 
 StowZipReader::EndRecord StowZipReader::findEndRecord() {
   const std::size_t tailSize =
-      static_cast<std::size_t>(std::min<std::uint64_t>(length_, kTailSize));
+      static_cast<std::size_t>(std::min<std::uint64_t>(source_->length, kTailSize));
   std::string tail(tailSize, '\0');
-  tail.resize(readAt(length_ - tailSize, tail.data(), tailSize));
+  tail.resize(source_->readAt(source_->length - tailSize, tail.data(), tailSize));
   if (tail.size() < zip::EndOfCentralDirectory::kFixedSize) throw StowZipError::notAZip();
   std::optional<zip::EndOfCentralDirectory> end;
   std::size_t position = tail.size() - zip::EndOfCentralDirectory::kFixedSize + 1;
@@ -116,7 +186,7 @@ StowZipReader::EndRecord StowZipReader::findEndRecord() {
     end = zip::readEndOfCentralDirectory(cursor);
   }
   if (!end) throw StowZipError::notAZip();
-  EndRecord found{*end, length_ - tail.size() + position, {}};
+  EndRecord found{*end, source_->length - tail.size() + position, {}};
   if (position >= zip::Zip64EndLocator::kFixedSize) {
     zip::ByteCursor cursor(tail, position - zip::Zip64EndLocator::kFixedSize);
     found.locator = zip::readZip64EndLocator(cursor);
@@ -134,7 +204,7 @@ StowZipReader::findZip64End(const zip::Zip64EndLocator& locator, std::uint64_t l
   for (std::uint64_t at : {locator.zip64EndOffset, latest}) {
     if (at > latest) continue;
     char bytes[zip::Zip64EndOfCentralDirectory::kFixedSize];
-    zip::ByteCursor record(std::string_view(bytes, readAt(at, bytes, sizeof bytes)));
+    zip::ByteCursor record(std::string_view(bytes, source_->readAt(at, bytes, sizeof bytes)));
     auto end = zip::readZip64EndOfCentralDirectory(record);
     if (end && end->recordSize == locatorAt - at - 12) return std::make_pair(*end, at);
   }
@@ -167,7 +237,7 @@ StowZipReader::DirectoryPlace StowZipReader::locateDirectory() {
   // its directory offset says, with its comment ending the file.
   const std::uint64_t commentEnd =
       end.at + zip::EndOfCentralDirectory::kFixedSize + end.record.commentLength;
-  if (place.count == 0 && (place.size != 0 || place.shift != 0 || commentEnd != length_)) {
+  if (place.count == 0 && (place.size != 0 || place.shift != 0 || commentEnd != source_->length)) {
     throw StowZipError::notAZip();
   }
   return place;
@@ -179,7 +249,7 @@ void StowZipReader::readDirectory() {
   if (place.count == 0) return;
   // The directory lies inside the file, before the end record: its size is bounded by the file.
   std::string directory(static_cast<std::size_t>(place.size), '\0');
-  if (readAt(place.start(), directory.data(), directory.size()) != directory.size()) {
+  if (source_->readAt(place.start(), directory.data(), directory.size()) != directory.size()) {
     throw StowZipError::notAZip();
   }
   items_.reserve(static_cast<std::size_t>(
@@ -193,7 +263,6 @@ void StowZipReader::readDirectory() {
     // Every local header lies before the directory.
     if (extent.localHeaderOffset >= place.offset) throw StowZipError::notAZip();
     StowZipItem item;
-    item.storedName = header->name;
     if (header->flags & zip::kFlagUtf8) {
       item.path = zip::decodeName(header->name);
     } else if (auto unicode = zip::unicodePath(*header)) {
@@ -203,6 +272,7 @@ void StowZipReader::readDirectory() {
       item.path = zip::decodeCp437(header->name);
       item.nameEncoding = StowZipItem::NameEncoding::cp437;
     }
+    if (item.path != header->name) item.otherStoredName = std::move(header->name);
     item.versionMadeBy = header->versionMadeBy;
     item.flags = header->flags;
     item.method = header->method;
@@ -226,7 +296,8 @@ void StowZipReader::refuseOverlaps(std::uint64_t directoryStart) {
   for (const StowZipItem& item : items_)
     extents.emplace_back(item.headerOffset, item.compressedSize);
   std::sort(extents.begin(), extents.end());
-  starts_.reserve(extents.size() + 1);
+  std::vector<std::uint64_t>& starts = source_->starts;
+  starts.reserve(extents.size() + 1);
   for (std::size_t i = 0; i < extents.size(); ++i) {
     const auto [start, compressed] = extents[i];
     const std::uint64_t next = i + 1 < extents.size() ? extents[i + 1].first : directoryStart;
@@ -235,22 +306,22 @@ void StowZipReader::refuseOverlaps(std::uint64_t directoryStart) {
         compressed > next - start - zip::LocalFileHeader::kFixedSize) {
       throw StowZipError::notAZip();
     }
-    starts_.push_back(start);
+    starts.push_back(start);
   }
-  starts_.push_back(directoryStart);
+  starts.push_back(directoryStart);
 }
 
 // Reads until `count` bytes or the end of the file; fewer bytes only at the end.
-std::size_t StowZipReader::readAt(std::uint64_t offset, char* buffer, std::size_t count) {
+std::size_t StowZipReader::Source::readAt(std::uint64_t offset, char* buffer,
+                                          std::size_t count) const {
   constexpr auto kLastOffset = static_cast<std::uint64_t>(std::numeric_limits<off_t>::max());
   if (offset >= kLastOffset) return 0;  // past any file, and no wrap-around in the sums below
   count = static_cast<std::size_t>(std::min<std::uint64_t>(count, kLastOffset - offset));
   std::size_t done = 0;
   while (done < count) {
-    ssize_t got =
-        ::pread(fd_.get(), buffer + done, count - done, static_cast<off_t>(offset + done));
+    ssize_t got = ::pread(fd.get(), buffer + done, count - done, static_cast<off_t>(offset + done));
     if (got < 0 && errno == EINTR) continue;
-    if (got < 0) throwFileError("read", location_);
+    if (got < 0) throwFileError("read", location);
     if (got == 0) break;
     done += static_cast<std::size_t>(got);
   }
@@ -259,7 +330,7 @@ std::size_t StowZipReader::readAt(std::uint64_t offset, char* buffer, std::size_
 
 // Where the entry's data begins: after its local header, name and extra field, as the local
 // header gives their lengths (they may differ from the central record's).
-std::uint64_t StowZipReader::dataStart(const StowZipItem& item) {
+std::uint64_t StowZipReader::Source::dataStart(const StowZipItem& item) const {
   char bytes[zip::LocalFileHeader::kFixedSize];
   std::size_t got = readAt(item.headerOffset, bytes, sizeof bytes);
   zip::ByteCursor cursor(std::string_view(bytes, got));
@@ -271,70 +342,65 @@ std::uint64_t StowZipReader::dataStart(const StowZipItem& item) {
 
 // Where the entry after the one whose local header is at `headerOffset` begins, or the
 // directory: the end of the room its data has.
-std::uint64_t StowZipReader::nextStart(std::uint64_t headerOffset) const {
-  auto next = std::upper_bound(starts_.begin(), starts_.end(), headerOffset);
-  return next == starts_.end() ? headerOffset : *next;
+std::uint64_t StowZipReader::Source::nextStart(std::uint64_t headerOffset) const {
+  auto next = std::upper_bound(starts.begin(), starts.end(), headerOffset);
+  return next == starts.end() ? headerOffset : *next;
 }
 
 // Stored: the bytes as they are, exactly as many as declared. A sink that throws stops the
 // unpacking at once.
-void StowZipReader::unpackStored(const StowZipItem& item, std::uint64_t start,
-                                 const ByteSink& sink) {
+void StowZipReader::Unpacker::unpackStored(const StowZipItem& item, std::uint64_t start,
+                                           const ByteSink& sink) {
   if (item.compressedSize != item.size) throw StowZipError::damaged(item.path);
-  StowCRC32 crc;
   std::uint64_t remaining = item.compressedSize;
   std::uint64_t position = start;
   while (remaining > 0) {
-    std::size_t want = static_cast<std::size_t>(std::min<std::uint64_t>(remaining, bufferSize_));
-    std::size_t got = readAt(position, buffer(), want);
+    std::size_t want =
+        static_cast<std::size_t>(std::min<std::uint64_t>(remaining, source_->pieceSize));
+    std::size_t got = source_->readAt(position, buffer(), want);
     if (got == 0) throw StowZipError::damaged(item.path);  // the archive ends inside the entry
     position += got;
     remaining -= got;
-    std::string_view piece(buffer(), got);
-    crc.update(piece);
-    sink(piece);
+    sink({buffer(), got});
   }
-  if (crc.checksum() != item.crc) throw StowZipError::damaged(item.path);
 }
 
 // Deflated: the compressed bytes through the decompressor. The stream must end within the
 // declared compressed bytes and give exactly the declared size; output past that size stops it
 // at once, since a few kilobytes of DEFLATE can stand for gigabytes. A sink that throws stops the
 // unpacking and its exception is passed on.
-void StowZipReader::unpackDeflated(const StowZipItem& item, std::uint64_t start,
-                                   const ByteSink& sink) {
+void StowZipReader::Unpacker::unpackDeflated(const StowZipItem& item, std::uint64_t start,
+                                             const ByteSink& sink) {
   if (inflate_) {
     inflate_->reset();
   } else {
     inflate_ = std::make_unique<InflateStream>();
   }
-  StowCRC32 crc;
   std::uint64_t produced = 0;
   const ByteSink deliver = [&](std::string_view piece) {
     if (piece.size() > item.size - produced) throw StowZipError::damaged(item.path);
     produced += piece.size();
     sink(piece);
-    crc.update(piece);
   };
   InflateStream::Status status = InflateStream::Status::needsInput;
   std::uint64_t remaining = item.compressedSize;
   std::uint64_t position = start;
   while (remaining > 0 && status == InflateStream::Status::needsInput) {
-    std::size_t want = static_cast<std::size_t>(std::min<std::uint64_t>(remaining, bufferSize_));
-    std::size_t got = readAt(position, buffer(), want);
+    std::size_t want =
+        static_cast<std::size_t>(std::min<std::uint64_t>(remaining, source_->pieceSize));
+    std::size_t got = source_->readAt(position, buffer(), want);
     if (got == 0) break;
     position += got;
     remaining -= got;
     status = inflate_->write({buffer(), got}, deliver);
   }
-  if (status != InflateStream::Status::ended || produced != item.size ||
-      crc.checksum() != item.crc) {
+  if (status != InflateStream::Status::ended || produced != item.size) {
     throw StowZipError::damaged(item.path);
   }
 }
 
-char* StowZipReader::buffer() {
-  if (!buffer_) buffer_.reset(new char[bufferSize_]);
+char* StowZipReader::Unpacker::buffer() {
+  if (!buffer_) buffer_.reset(new char[source_->pieceSize]);
   return buffer_.get();
 }
 

@@ -21,7 +21,9 @@ struct StowZipItem {
   enum class NameEncoding { utf8, unicodePathField, cp437 };
 
   std::string path;  ///< the name as text (U+FFFD for bytes that are not UTF-8); folders end in "/"
-  std::string storedName;  ///< the name's bytes as the central directory holds them
+  /// The name's bytes as the central directory holds them, kept apart only where they differ
+  /// from `path`: a large archive's names are then held once.
+  std::optional<std::string> otherStoredName;
   NameEncoding nameEncoding = NameEncoding::utf8;
   std::uint16_t versionMadeBy = 0;  ///< its high byte names the system that made the entry
   std::uint16_t flags = 0;          ///< the general-purpose flags
@@ -31,6 +33,9 @@ struct StowZipItem {
   std::uint64_t size = 0;
   std::uint64_t headerOffset = 0;  ///< of the entry's local header
   std::uint16_t mode = 0;  ///< Unix type and permission bits, when made on a Unix host; else 0
+
+  /// The name's bytes as the central directory holds them.
+  std::string_view storedName() const { return otherStoredName ? *otherStoredName : path; }
 };
 
 /// Whether an entry's path may be unpacked below a folder: not empty, not absolute, no ".."
@@ -40,13 +45,16 @@ bool isSafeEntryPath(std::string_view path);
 
 /// Reads a ZIP archive whose entries are stored or deflated, Zip64 records included, also behind
 /// data in front of it (a self-extracting stub). Nothing is unpacked without its CRC-32 and its
-/// declared size being checked. Move-only; the destructor closes the file.
+/// declared size being checked. Move-only; the file is closed once the reader and every unpacker
+/// made from it are gone.
 ///
 /// Unpacking throws StowZipError (notAZip for a missing local header, encrypted,
 /// unsupportedMethod, damaged) or StowFileError for a failed read or write; the reader stays
 /// usable after a failure.
 class StowZipReader {
  public:
+  class Unpacker;
+
   /// Opens the archive and reads its directory. Throws StowFileError when the file cannot be
   /// opened or read, and StowZipError::notAZip when it is not an archive: no end record, a
   /// directory that does not hold the records the end record counts or does not end where it
@@ -72,7 +80,12 @@ class StowZipReader {
   /// throws stops the unpacking and its exception is passed on.
   void extract(const StowZipItem& item, const ByteSink& sink);
 
+  /// A new unpacker of this archive's entries, with buffers of its own: one for each thread that
+  /// unpacks entries while others do.
+  Unpacker unpacker() const;
+
  private:
+  struct Source;
   struct EndRecord;
   struct DirectoryPlace;
   EndRecord findEndRecord();
@@ -81,21 +94,43 @@ class StowZipReader {
   DirectoryPlace locateDirectory();
   void readDirectory();
   void refuseOverlaps(std::uint64_t directoryStart);
-  std::size_t readAt(std::uint64_t offset, char* buffer, std::size_t count);
-  std::uint64_t dataStart(const StowZipItem& item);
-  std::uint64_t nextStart(std::uint64_t headerOffset) const;
+  Unpacker& ownUnpacker();
+
+  std::shared_ptr<Source> source_;
+  std::vector<StowZipItem> items_;
+  std::unique_ptr<Unpacker> unpacker_;  // for extract and data, made on first use
+};
+
+/// Unpacks entries of one archive, one at a time, through a buffer and a decompressor of its
+/// own; unpackers of one reader may work at once on different threads. Move-only; it keeps the
+/// archive open while it lives. Fails as StowZipReader's unpacking does.
+class StowZipReader::Unpacker {
+ public:
+  ~Unpacker();
+  Unpacker(Unpacker&&) noexcept;
+  Unpacker& operator=(Unpacker&&) noexcept;
+
+  /// As StowZipReader::extract.
+  void extract(const StowZipItem& item, const ByteSink& sink);
+
+  /// As extract, with the checksum and `sink` on a second thread while this one reads and
+  /// decompresses ahead of it (by at most 1 MiB): for a large entry, whose checksum and writing
+  /// then no longer hold up its decompression. `sink` is called on that thread, in order. The
+  /// failure passed on is the one that unpacking on one thread would have met first; the second
+  /// thread has ended when this returns or throws.
+  void extractBeside(const StowZipItem& item, const ByteSink& sink);
+
+ private:
+  friend class StowZipReader;
+  explicit Unpacker(std::shared_ptr<const Source> source);
+  void unpack(const StowZipItem& item, const ByteSink& sink);
   void unpackStored(const StowZipItem& item, std::uint64_t start, const ByteSink& sink);
   void unpackDeflated(const StowZipItem& item, std::uint64_t start, const ByteSink& sink);
   char* buffer();
 
-  std::filesystem::path location_;
-  UniqueFd fd_;
-  std::uint64_t length_ = 0;
-  std::vector<StowZipItem> items_;
-  std::vector<std::uint64_t> starts_;  // every local header's offset and the directory's, sorted
+  std::shared_ptr<const Source> source_;
   std::unique_ptr<InflateStream> inflate_;  // made on the first deflated entry, then reset
   std::unique_ptr<char[]> buffer_;
-  std::size_t bufferSize_ = 0;
 };
 
 }  // namespace corvelstow

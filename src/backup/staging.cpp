@@ -4,15 +4,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <string_view>
+#include <thread>
 #include <unordered_set>
 
 #include "archive/zip_error.h"
 #include "archive/zip_format.h"
 #include "archive/zip_reader.h"
 #include "backup/inspection.h"
+#include "backup/ordered_work.h"
 #include "base/file_error.h"
 #include "base/files.h"
 #include "base/scope_guard.h"
@@ -25,6 +29,11 @@ namespace corvelstow {
 namespace {
 
 constexpr std::string_view kPrefix = "container/";
+constexpr std::int64_t kProgressEvery = 8;  // files
+// From this size on, a file's checksum and writes run on a thread beside its decompression.
+constexpr std::uint64_t kLargeFile = 1 << 20;
+// Past this many threads, more would only hold more buffers: storage is the bound by then.
+constexpr unsigned kMostThreads = 8;
 constexpr const char* kSwapUnfinishedText =
     "The last restore or undo has not finished yet: it finishes the next time the app opens.";
 
@@ -51,7 +60,7 @@ bool inScope(std::string_view relative, StowRestoreScope scope) {
 std::string_view relativeName(const StowZipItem& item) {
   const bool unixBytes = item.nameEncoding == StowZipItem::NameEncoding::cp437 &&
                          item.versionMadeBy >> 8 == zip::kHostUnix;
-  return std::string_view(unixBytes ? item.storedName : item.path).substr(kPrefix.size());
+  return (unixBytes ? item.storedName() : std::string_view(item.path)).substr(kPrefix.size());
 }
 
 // A name as a message shows it: a NUL byte would end the message there, so it is spelled out.
@@ -126,49 +135,83 @@ std::uint64_t checkRoom(const fs::path& staged, const std::vector<const StowZipI
                        static_cast<std::uint64_t>(std::max<std::int64_t>(manifestBytes, 0)));
 }
 
-/// Unpacks the selected entries below `staged`, writing at most `limit` bytes in all; returns
-/// how many files came out.
-std::int64_t unpack(StowZipReader& reader, const std::vector<const StowZipItem*>& selected,
+// What each unpacking thread keeps of its own.
+struct UnpackThread {
+  StowZipReader::Unpacker unpacker;
+  std::string lastFolder;  // the folder made for its previous file: most files share one
+};
+
+// Thrown into a file's unpacking once an earlier entry has failed.
+struct NoLongerNeeded {};
+
+/// Unpacks the selected entries below `staged`, several at once, writing at most `limit` bytes
+/// in all; returns how many files came out. Progress is told from the calling thread, at every
+/// 8th file finished and the last, whatever the number of threads.
+std::int64_t unpack(const StowZipReader& reader, const std::vector<const StowZipItem*>& selected,
                     const std::string& staged, std::int64_t fileCount, std::uint64_t limit,
-                    const StowProgress& progress) {
-  std::string base = staged.back() == '/' ? staged : staged + "/";
-  std::string lastFolder;  // the folder made for the previous file: most files share one
-  std::int64_t done = 0;
-  std::uint64_t written = 0;
-  for (const StowZipItem* item : selected) {
-    std::string destination = base + std::string(relativeName(*item));
+                    unsigned threads, const StowProgress& progress) {
+  const std::string base = staged.back() == '/' ? staged : staged + "/";
+  std::vector<UnpackThread> own;
+  for (unsigned thread = 0; thread < threads; ++thread) own.push_back({reader.unpacker(), {}});
+  std::atomic<std::uint64_t> written{0};
+
+  const auto unpackOne = [&](const StowWorkSlot& slot) {
+    const StowZipItem& item = *selected[slot.index];
+    UnpackThread& mine = own[slot.thread];
+    std::string destination = base + std::string(relativeName(item));
     if (destination.back() == '/') {
       destination.pop_back();
       makeFolders(destination);
-      continue;
+      return false;
     }
     std::string folder = destination.substr(0, destination.rfind('/'));
-    if (folder != lastFolder) {
+    if (folder != mine.lastFolder) {
       makeFolders(folder);
-      lastFolder = folder;
+      mine.lastFolder = folder;
     }
-    UniqueFd file = createFile(destination, *item);
-    reader.extract(*item, [&](std::string_view piece) {
+    UniqueFd file = createFile(destination, item);
+    const ByteSink write = [&](std::string_view piece) {
+      if (slot.cancelled()) throw NoLongerNeeded{};
       // The reader holds each entry to its declared size; this holds the whole to the total.
-      if (piece.size() > limit - written) throw StowRestoreError::moreThanDeclared();
-      written += piece.size();
-      if (!files::writeAll(file.get(), piece)) throwFileError("write", item->path);
-    });
-    if (!file.close()) throwFileError("write", destination);
-    ++done;
-    if (done % 8 == 0 || done == fileCount) {
-      progress(
-          static_cast<double>(done) / static_cast<double>(std::max<std::int64_t>(fileCount, 1)),
-          std::to_string(done) + " of " + std::to_string(fileCount) + " files");
+      const std::uint64_t before = written.fetch_add(piece.size());
+      if (before > limit || piece.size() > limit - before) {
+        throw StowRestoreError::moreThanDeclared();
+      }
+      if (!files::writeAll(file.get(), piece)) throwFileError("write", item.path);
+    };
+    // A large file's checksum and writes run beside its decompression, when there are threads
+    // to spare; on one thread everything runs in turn.
+    if (threads > 1 && item.size >= kLargeFile) {
+      mine.unpacker.extractBeside(item, write);
+    } else {
+      mine.unpacker.extract(item, write);
     }
-  }
-  return done;
+    if (!file.close()) throwFileError("write", destination);
+    return true;
+  };
+
+  std::int64_t reported = 0;
+  const auto report = [&](std::size_t finished) {
+    const auto done = static_cast<std::int64_t>(finished);
+    for (std::int64_t next = reported + 1; next <= done; ++next) {
+      if (next % kProgressEvery != 0 && next != fileCount) continue;
+      progress(
+          static_cast<double>(next) / static_cast<double>(std::max<std::int64_t>(fileCount, 1)),
+          std::to_string(next) + " of " + std::to_string(fileCount) + " files");
+    }
+    reported = done;
+  };
+  const auto large = [&](std::size_t index) { return selected[index]->size >= kLargeFile; };
+  return static_cast<std::int64_t>(
+      runInOrder(selected.size(), threads, kProgressEvery, unpackOne, report, large));
 }
 
 }  // namespace
 
+unsigned stagingThreads() { return std::max(1u, std::thread::hardware_concurrency()); }
+
 void stageRestore(const StowLayout& layout, const fs::path& archive, StowRestoreScope scope,
-                  const StowProgress& progress) {
+                  unsigned threads, const StowProgress& progress) {
   // Ends (when it began) whatever happens below, failures included.
   platform::ScopedFileAccess access(archive);
   StowContainerLock lock = StowContainerLock::acquire(layout);
@@ -195,7 +238,8 @@ void stageRestore(const StowLayout& layout, const fs::path& archive, StowRestore
   ScopeGuard clearOnFailure([&] { clearStaging(layout); });
   checkNames(selected);
   const std::uint64_t limit = checkRoom(layout.staged, selected, manifest.totalBytes);
-  std::int64_t done = unpack(reader, selected, layout.staged.string(), fileCount, limit, progress);
+  std::int64_t done = unpack(reader, selected, layout.staged.string(), fileCount, limit,
+                             std::clamp(threads, 1u, kMostThreads), progress);
   // Parts of a backup are partial by design; only a whole restore is held to the count.
   if (scope == StowRestoreScope::everything && manifest.fileCount > 0 &&
       done < manifest.fileCount) {

@@ -250,13 +250,14 @@ void StowModel::chooseBackup(const std::filesystem::path& archive, bool pickedCo
 
 void StowModel::setScope(StowRestoreScope scope) { publish(scope_, scope, Field::scope); }
 
-void StowModel::prepareRestore() {
+void StowModel::prepareRestore(unsigned threads) {
   if (!preview_ || !work_.isIdle()) return;
   publish(errorText_, std::optional<std::string>(), Field::errorText);
   publish(work_, Work::running(kPreparing, 0, "Unpacking"), Field::work);
-  runInBackground([layout = layout_, archive = preview_->url, scope = scope_,
+  if (threads == 0) threads = stagingThreads();
+  runInBackground([layout = layout_, archive = preview_->url, scope = scope_, threads,
                    progress = progressFor(kPreparing)]() -> Continuation {
-    stageRestore(layout, archive, scope, progress);
+    stageRestore(layout, archive, scope, threads, progress);
     return [](StowModel& model) {
       model.finishProgress();
       model.publish(model.work_, Work::idle(), Field::work);

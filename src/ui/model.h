@@ -227,10 +227,10 @@ class StowModel : public std::enable_shared_from_this<StowModel> {
 
   void setScope(StowRestoreScope scope);
 
-  /// Stages the previewed backup in the chosen scope, in the background: on success the
-  /// preview closes and pending holds the staged restore; on failure errorText says why.
-  /// Nothing without a preview or while work runs.
-  void prepareRestore();
+  /// Stages the previewed backup in the chosen scope, in the background, unpacking on `threads`
+  /// threads (0: one for each processor): on success the preview closes and pending holds the
+  /// staged restore; on failure errorText says why. Nothing without a preview or while work runs.
+  void prepareRestore(unsigned threads = 0);
 
   void cancelPreview();
 

@@ -8,6 +8,7 @@
 
 #include "archive/zip_writer.h"
 #include "archive_test_support.h"
+#include "base/files.h"
 #include "support/temp_folder.h"
 
 namespace corvelstow {
@@ -41,15 +42,31 @@ std::string repeated(const std::string& block, std::size_t size) {
   return bytes;
 }
 
+// The entry's bytes as extractBeside hands them on, or the sentence of its failure.
+std::string besideOutcome(StowZipReader::Unpacker& unpacker, const StowZipItem& item) {
+  std::string bytes;
+  const std::string failed = failure([&] {
+    unpacker.extractBeside(item, [&](std::string_view piece) {
+      EXPECT_LE(piece.size(), std::size_t{256} << 10);
+      bytes += piece;
+    });
+  });
+  return failed == "(no error)" ? bytes : failed;
+}
+
 // For an archive of these bytes, the sentence of failing to open it, or for each entry in turn
-// its path when it unpacks and the sentence of its failure when not, joined by " | ".
+// its path when it unpacks and the sentence of its failure when not, joined by " | ". Unpacked
+// on two threads, each entry gives the same bytes or the same failure.
 std::string outcome(const testing::TempFolder& folder, const std::string& bytes) {
   testing::writeFile(folder / "test.zip", bytes);
   std::string entries;
   const std::string opened = failure([&] {
     StowZipReader reader(folder / "test.zip");
+    StowZipReader::Unpacker unpacker = reader.unpacker();
     for (const StowZipItem& item : reader.items()) {
-      const std::string unpacked = failure([&] { reader.data(item); });
+      std::string data;
+      const std::string unpacked = failure([&] { data = reader.data(item); });
+      EXPECT_EQ(besideOutcome(unpacker, item), unpacked == "(no error)" ? data : unpacked);
       entries += (entries.empty() ? "" : " | ") + (unpacked == "(no error)" ? item.path : unpacked);
     }
   });
@@ -93,8 +110,8 @@ TEST(ZipReaderTest, ReadsBackStoredAndDeflatedEntries) {
       const StowZipWriter::Written& written = writer.written()[i + 1];
       SCOPED_TRACE(entry.path + (fromFiles ? " from a file" : " in memory"));
       const int method = fromFiles && !entry.bytes.empty() ? 8 : 0;
-      EXPECT_EQ(std::make_tuple(item.path, item.storedName, int{item.method}, item.size,
-                                item.compressedSize, item.headerOffset),
+      EXPECT_EQ(std::make_tuple(item.path, std::string(item.storedName()), int{item.method},
+                                item.size, item.compressedSize, item.headerOffset),
                 std::make_tuple(entry.path, entry.name, method, std::uint64_t{entry.bytes.size()},
                                 std::uint64_t{written.compressed}, std::uint64_t{written.offset}));
       std::string pieces;
@@ -105,6 +122,8 @@ TEST(ZipReaderTest, ReadsBackStoredAndDeflatedEntries) {
       });
       EXPECT_EQ(pieces, entry.bytes);
       EXPECT_LE(largest, std::size_t{1} << 20);
+      StowZipReader::Unpacker unpacker = reader.unpacker();
+      EXPECT_TRUE(besideOutcome(unpacker, item) == entry.bytes);
       // Random bytes that repeat within DEFLATE's window are compressed, not stored.
       if (fromFiles && entry.name == "repeats.bin") {
         EXPECT_LT(item.compressedSize, 100000u);
@@ -192,6 +211,25 @@ TEST(ZipReaderTest, PassesOnFileErrorsOfTheArchiveAndTheDestination) {
   EXPECT_EQ(failure([&] { reader.extract(reader.items()[1], full.get()); }),
             "file error: Could not write source.txt: No space left on device.");
   EXPECT_EQ(reader.data(reader.items()[1]), testing::sampleText(5000));  // still usable
+
+  // A large entry that unpacks past its declared 100,000 bytes, unpacked on two threads: the
+  // failed write of its first piece is the failure, as on one thread; without it, the damage.
+  testing::writeFile(folder / "large.txt", testing::sampleText(3 << 20));
+  StowZipWriter writer(folder / "large.zip");
+  writer.addFile(folder / "large.txt", "large.txt");
+  writer.finish();
+  std::string bytes = testing::readFile(folder / "large.zip");
+  testing::setLe(bytes, testing::centralOffset(bytes) + 24, 100000, 4);
+  testing::writeFile(folder / "large.zip", bytes);
+  StowZipReader large(folder / "large.zip");
+  StowZipReader::Unpacker unpacker = large.unpacker();
+  EXPECT_EQ(failure([&] {
+              unpacker.extractBeside(large.items()[0], [&](std::string_view piece) {
+                if (!files::writeAll(full.get(), piece)) throwFileError("write", "large.txt");
+              });
+            }),
+            "file error: Could not write large.txt: No space left on device.");
+  EXPECT_EQ(besideOutcome(unpacker, large.items()[0]), "large.txt" + kDamaged);
 }
 
 }  // namespace

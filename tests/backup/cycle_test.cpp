@@ -53,7 +53,7 @@ TEST_P(CycleTest, BackUpChangeRestoreRelaunchUndo) {
   }();
   const auto backedUpSettings = domainIn(layout.preferences / "com.example.notes.plist");
 
-  auto backup = runCommand({"backup"}, env());
+  auto backup = runCommand({"--progress", "backup"}, env());
   ASSERT_EQ(backup.exitCode, 0) << backup.err;
   std::string archive = backup.out.substr(0, backup.out.find('\n'));
   EXPECT_NE(backup.err.find("Backing up: 10 of"), std::string::npos) << backup.err;
@@ -67,6 +67,7 @@ TEST_P(CycleTest, BackUpChangeRestoreRelaunchUndo) {
 
   auto restore = runCommand({"restore", archive, "--scope", std::string(rawValue(scope))}, env());
   ASSERT_EQ(restore.exitCode, 0) << restore.err;
+  EXPECT_EQ(restore.err, "");                // no progress where stderr is no terminal
   EXPECT_EQ(documents(), changedDocuments);  // nothing changes before the next launch
   ASSERT_EQ(launch().exitCode, 0);
 

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include "../archive/archive_test_support.h"
 #include "archive/zip_error.h"
+#include "archive/zip_reader.h"
 #include "archive/zip_writer.h"
 #include "backup/inspection.h"
 #include "support/temp_folder.h"
@@ -13,7 +15,8 @@ namespace {
 using testing::readTree;
 using testing::TempFolder;
 
-class StagingTest : public ::testing::Test {
+// Each case on one thread and on four: the outcome is the same.
+class StagingTest : public ::testing::TestWithParam<unsigned> {
  protected:
   TempFolder folder;
   StowLayout layout = StowLayout::forRoots(folder / "home", folder / "tmp");
@@ -31,7 +34,8 @@ class StagingTest : public ::testing::Test {
   }
 
   // An archive of `entries` (name, contents; a name ending in "/" is a folder), after the
-  // manifest unless `manifest` is empty.
+  // manifest unless `manifest` is empty. Contents of 1 MiB or more are deflated, as a backup
+  // deflates a file; the others are stored.
   void writeArchive(const std::vector<std::pair<std::string, std::string>>& entries,
                     const std::string& manifest) {
     StowZipWriter writer(archive);
@@ -40,6 +44,9 @@ class StagingTest : public ::testing::Test {
     for (const auto& [name, contents] : entries) {
       if (name.back() == '/') {
         writer.addDirectory(name, now);
+      } else if (contents.size() >= (1 << 20)) {
+        testing::writeFile(folder / "large", contents);
+        writer.addFile(folder / "large", name);
       } else {
         writer.add(contents, name, now);
       }
@@ -48,7 +55,7 @@ class StagingTest : public ::testing::Test {
   }
 
   void stage(StowRestoreScope scope) {
-    stageRestore(layout, archive, scope,
+    stageRestore(layout, archive, scope, GetParam(),
                  [&](double, const std::string& detail) { details.push_back(detail); });
   }
 
@@ -65,7 +72,7 @@ class StagingTest : public ::testing::Test {
   }
 };
 
-TEST_F(StagingTest, UnpacksTheChosenPartAndRecordsIt) {
+TEST_P(StagingTest, UnpacksTheChosenPartAndRecordsIt) {
   writeArchive({{"container/", ""},
                 {"container/Documents/", ""},
                 {"container/Documents/notes/a.txt", "a"},
@@ -78,35 +85,41 @@ TEST_F(StagingTest, UnpacksTheChosenPartAndRecordsIt) {
                manifestJson(4));
 
   stage(StowRestoreScope::everything);
-  EXPECT_EQ(readTree(layout.staged),
-            (std::map<std::string, std::string>{
-                {"Documents", "/"}, {"Documents/notes", "/"}, {"Documents/notes/a.txt", "a"},
-                {"Documents/b.txt", "b"}, {"Library", "/"}, {"Library/Preferences", "/"},
-                {"Library/Preferences/com.example.notes.plist", "p"},
-                {"Library/Application Support", "/"}, {"Library/Application Support/db", "db"}}));
+  EXPECT_EQ(readTree(layout.staged), (std::map<std::string, std::string>{
+                                         {"Documents", "/"},
+                                         {"Documents/notes", "/"},
+                                         {"Documents/notes/a.txt", "a"},
+                                         {"Documents/b.txt", "b"},
+                                         {"Library", "/"},
+                                         {"Library/Preferences", "/"},
+                                         {"Library/Preferences/com.example.notes.plist", "p"},
+                                         {"Library/Application Support", "/"},
+                                         {"Library/Application Support/db", "db"}}));
   auto staged = readRecord<StowStagedRestore>(layout.stagedRecord);
   ASSERT_TRUE(staged);
   EXPECT_EQ(staged->scope, StowRestoreScope::everything);
   EXPECT_EQ(staged->manifest, readManifest(archive));
 
   stage(StowRestoreScope::settings);  // a second staging replaces the first
-  EXPECT_EQ(readTree(layout.staged),
-            (std::map<std::string, std::string>{
-                {"Library", "/"}, {"Library/Preferences", "/"},
-                {"Library/Preferences/com.example.notes.plist", "p"}}));
+  EXPECT_EQ(readTree(layout.staged), (std::map<std::string, std::string>{
+                                         {"Library", "/"},
+                                         {"Library/Preferences", "/"},
+                                         {"Library/Preferences/com.example.notes.plist", "p"}}));
   EXPECT_EQ(readRecord<StowStagedRestore>(layout.stagedRecord)->scope, StowRestoreScope::settings);
   EXPECT_EQ(details.back(), "1 of 1 files");
 }
 
-TEST_F(StagingTest, ReportsEveryEighthFileAndTheLast) {
+TEST_P(StagingTest, ReportsEveryEighthFileAndTheLast) {
   std::vector<std::pair<std::string, std::string>> entries;
-  for (int i = 0; i < 17; ++i) entries.push_back({"container/Documents/f" + std::to_string(i), "x"});
+  for (int i = 0; i < 17; ++i)
+    entries.push_back({"container/Documents/f" + std::to_string(i), "x"});
   writeArchive(entries, manifestJson(17));
   stage(StowRestoreScope::documents);
-  EXPECT_EQ(details, (std::vector<std::string>{"8 of 17 files", "16 of 17 files", "17 of 17 files"}));
+  EXPECT_EQ(details,
+            (std::vector<std::string>{"8 of 17 files", "16 of 17 files", "17 of 17 files"}));
 }
 
-TEST_F(StagingTest, RejectsBadBackupsWithTheirTextsAndLeavesNothing) {
+TEST_P(StagingTest, RejectsBadBackupsWithTheirTextsAndLeavesNothing) {
   writeArchive({{"container/Documents/a.txt", "a"}}, "");
   expectFailure(StowRestoreScope::everything,
                 "That file is not an app data backup: it has no manifest.");
@@ -140,19 +153,40 @@ TEST_F(StagingTest, RejectsBadBackupsWithTheirTextsAndLeavesNothing) {
   expectFailure(StowRestoreScope::everything, "That file is not a zip archive.");
 }
 
-TEST_F(StagingTest, ADamagedEntryStopsStagingAndClearsIt) {
-  writeArchive({{"container/Documents/a.txt", "first file"},
-                {"container/Documents/b.txt", "second file, to be damaged"}},
-               manifestJson(2));
+// Among many files, large and small, the first damaged entry in archive order is named, however
+// long its own unpacking takes; staging is cleared.
+TEST_P(StagingTest, TheFirstDamagedEntryStopsStagingAndClearsIt) {
+  std::vector<std::pair<std::string, std::string>> entries{
+      {"container/Documents/large.json", testing::sampleText(5 << 20)},
+      {"container/Library/Caches/", ""},
+      {"container/Library/Caches/noise.bin", testing::randomBytes(3 << 20)}};
+  std::map<std::string, std::string> tree{
+      {"Documents", "/"}, {"Library", "/"}, {"Library/Caches", "/"}, {"Documents/many", "/"}};
+  for (int i = 0; i < 300; ++i) {
+    entries.push_back(
+        {"container/Documents/many/" + std::to_string(i), "file " + std::to_string(i)});
+  }
+  for (const auto& [name, contents] : entries) {
+    if (name.back() != '/') tree[name.substr(std::string("container/").size())] = contents;
+  }
+  writeArchive(entries, manifestJson(302));
+  stage(StowRestoreScope::everything);
+  EXPECT_TRUE(readTree(layout.staged) == tree);
+
   std::string bytes = testing::readFile(archive);
-  size_t at = bytes.find("second file");
-  bytes[at] ^= 0x20;
+  for (const char* contents : {"file 20", "file 170"}) bytes[bytes.find(contents) + 3] ^= 0x20;
   testing::writeFile(archive, bytes);
-  expectFailure(StowRestoreScope::documents,
-                "container/Documents/b.txt is damaged: its checksum does not match.");
+  expectFailure(StowRestoreScope::everything,
+                "container/Documents/many/20 is damaged: its checksum does not match.");
+
+  const StowZipItem large = StowZipReader(archive).items().at(1);
+  bytes[large.headerOffset + large.compressedSize] ^= 0x20;  // near the end of its data
+  testing::writeFile(archive, bytes);
+  expectFailure(StowRestoreScope::everything,
+                "container/Documents/large.json is damaged: its checksum does not match.");
 }
 
-TEST_F(StagingTest, PartialScopesAndEmptyBackupsAreNotCounted) {
+TEST_P(StagingTest, PartialScopesAndEmptyBackupsAreNotCounted) {
   std::vector<std::pair<std::string, std::string>> nine;
   for (int i = 0; i < 9; ++i) nine.push_back({"container/Documents/f" + std::to_string(i), "x"});
   writeArchive(nine, manifestJson(10));
@@ -164,7 +198,7 @@ TEST_F(StagingTest, PartialScopesAndEmptyBackupsAreNotCounted) {
   EXPECT_TRUE(fs::exists(layout.stagedRecord));
 }
 
-TEST_F(StagingTest, AManifestTooLargeToBeOneCountsAsNone) {
+TEST_P(StagingTest, AManifestTooLargeToBeOneCountsAsNone) {
   std::string huge = manifestJson(0);
   huge.insert(huge.size() - 2, ", \"padding\": \"" + std::string(17 << 20, ' ') + "\"");
   writeArchive({}, huge);
@@ -175,6 +209,8 @@ TEST_F(StagingTest, AManifestTooLargeToBeOneCountsAsNone) {
     EXPECT_EQ(error.kind(), StowRestoreError::Kind::noManifest);
   }
 }
+
+INSTANTIATE_TEST_SUITE_P(Threads, StagingTest, ::testing::Values(1u, 4u));
 
 }  // namespace
 }  // namespace corvelstow

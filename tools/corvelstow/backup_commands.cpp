@@ -6,13 +6,14 @@
 #include <stdexcept>
 
 #include "backup/inspection.h"
+#include "backup/staging.h"
 #include "backup/usage.h"
 #include "base/file_error.h"
 #include "base/files.h"
-#include "platform/platform.h"
 #include "command_context.h"
 #include "model_session.h"
 #include "panel_output.h"
+#include "platform/platform.h"
 #include "progress_printer.h"
 #include "store/host_app.h"
 
@@ -23,7 +24,7 @@ namespace {
 void backup(const CommandContext& context, bool includeCachesFlag) {
   ModelSession session(context.container());
   StowModel& model = session.model();
-  ProgressPrinter progress("Backing up");
+  ProgressPrinter progress("Backing up", context.progress);
   session.followWork(std::ref(progress));
   if (includeCachesFlag) {
     model.backUpWith(true);
@@ -65,7 +66,8 @@ void inspect(const CommandContext& context, const fs::path& archive) {
 }
 
 // Through the panel model, as choosing a backup and "Prepare Restore" do.
-void restore(const CommandContext& context, const fs::path& archive, StowRestoreScope scope) {
+void restore(const CommandContext& context, const fs::path& archive, StowRestoreScope scope,
+             unsigned threads) {
   ModelSession session(context.container());
   StowModel& model = session.model();
   model.chooseBackup(archive);
@@ -73,9 +75,9 @@ void restore(const CommandContext& context, const fs::path& archive, StowRestore
   if (model.errorText()) throw std::runtime_error(*model.errorText());
   model.setScope(scope);
   {
-    ProgressPrinter progress("Preparing the restore");
+    ProgressPrinter progress("Preparing the restore", context.progress);
     session.followWork(std::ref(progress));
-    model.prepareRestore();
+    model.prepareRestore(threads);
     session.finishWork();
   }
   const auto& staged = model.pending();
@@ -113,6 +115,19 @@ void setOption(const CommandContext& context, const std::string& option, bool on
   }
 }
 
+// --threads N: a whole number from 1 up.
+void addThreadsOption(CLI::App* command, unsigned& threads, const std::string& description) {
+  const auto wholeFromOne = [](const std::string& text) -> std::string {
+    const bool digits = !text.empty() && text.size() <= 9 &&
+                        text.find_first_not_of("0123456789") == std::string::npos;
+    if (digits && std::stoul(text) >= 1) return "";
+    return "The number of threads must be a whole number from 1 up.";
+  };
+  command->add_option("--threads", threads, description)
+      ->type_name("N")
+      ->check(CLI::Validator(wholeFromOne, "N >= 1"));
+}
+
 }  // namespace
 
 void addBackupCommands(CLI::App& app, CommandList& commands) {
@@ -127,9 +142,8 @@ void addBackupCommands(CLI::App& app, CommandList& commands) {
   auto* inspectCommand = app.add_subcommand("inspect", "Show what a backup holds");
   auto archive = std::make_shared<std::string>();
   inspectCommand->add_option("file", *archive, "The backup (.corvelappdata)")->required();
-  commands.push_back({inspectCommand, [archive](const CommandContext& context) {
-                        inspect(context, *archive);
-                      }});
+  commands.push_back(
+      {inspectCommand, [archive](const CommandContext& context) { inspect(context, *archive); }});
 
   auto* restoreCommand =
       app.add_subcommand("restore", "Prepare a restore; the next launch swaps it in");
@@ -138,9 +152,14 @@ void addBackupCommands(CLI::App& app, CommandList& commands) {
   restoreCommand->add_option("file", *restoreArchive, "The backup (.corvelappdata)")->required();
   restoreCommand->add_option("--scope", *scope, "What to restore")
       ->check(CLI::IsMember({"everything", "documents", "settings"}));
-  commands.push_back({restoreCommand, [restoreArchive, scope](const CommandContext& context) {
-                        restore(context, *restoreArchive, *scopeFromRawValue(*scope));
-                      }});
+  auto restoreThreads = std::make_shared<unsigned>(stagingThreads());
+  addThreadsOption(restoreCommand, *restoreThreads,
+                   "Unpack with N threads (default: one per processor); what is staged is the "
+                   "same whatever N");
+  commands.push_back(
+      {restoreCommand, [restoreArchive, scope, restoreThreads](const CommandContext& context) {
+         restore(context, *restoreArchive, *scopeFromRawValue(*scope), *restoreThreads);
+       }});
 
   auto* usageCommand = app.add_subcommand("usage", "Measure how much data a backup would hold");
   commands.push_back({usageCommand, usage});
@@ -148,8 +167,9 @@ void addBackupCommands(CLI::App& app, CommandList& commands) {
   auto* set = app.add_subcommand("set", "Change an option: include-caches or show-on-launch");
   auto option = std::make_shared<std::string>();
   auto value = std::make_shared<std::string>();
-  set->add_option("option", *option)->required()->check(
-      CLI::IsMember({"include-caches", "show-on-launch"}));
+  set->add_option("option", *option)
+      ->required()
+      ->check(CLI::IsMember({"include-caches", "show-on-launch"}));
   set->add_option("value", *value)->required()->check(CLI::IsMember({"on", "off"}));
   commands.push_back({set, [option, value](const CommandContext& context) {
                         setOption(context, *option, *value == "on");

@@ -15,6 +15,7 @@ namespace corvelstow::cli {
 /// What every command sees: the global options and where to print.
 struct CommandContext {
   bool json = false;
+  bool progress = false;  ///< --progress: progress on stderr even when it is not a terminal
   std::ostream& out;
 
   /// The container named by --home (or CORVELSTOW_HOME). Throws a one-sentence error when none

@@ -19,12 +19,14 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.fallthrough();  // global options may also follow the subcommand
   std::string home, bundle;
-  bool json = false;
+  bool json = false, progress = false;
   app.add_option("--home", home, "The app container (a folder holding Documents and Library)")
       ->envname("CORVELSTOW_HOME");
   app.add_option("--bundle", bundle, "The app's bundle folder (holding Info.plist)")
       ->envname("CORVELSTOW_BUNDLE");
   app.add_flag("--json", json, "Print machine-readable JSON on stdout");
+  app.add_flag("--progress", progress,
+               "Show the progress of backup and restore on stderr even when it is not a terminal");
 
   CommandList commands;
   addStatusCommand(app, commands);
@@ -45,7 +47,7 @@ int main(int argc, char** argv) {
   if (!home.empty()) ::setenv("CORVELSTOW_HOME", home.c_str(), 1);
   if (!bundle.empty()) ::setenv("CORVELSTOW_BUNDLE", bundle.c_str(), 1);
 
-  CommandContext context{json, std::cout};
+  CommandContext context{json, progress, std::cout};
   for (const Command& command : commands) {
     if (!command.app->parsed()) continue;
     try {

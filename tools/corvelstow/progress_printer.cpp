@@ -7,14 +7,17 @@
 
 namespace corvelstow::cli {
 
-ProgressPrinter::ProgressPrinter(std::string title)
-    : title_(std::move(title)), terminal_(::isatty(STDERR_FILENO) == 1) {}
+ProgressPrinter::ProgressPrinter(std::string title, bool forced)
+    : title_(std::move(title)),
+      terminal_(::isatty(STDERR_FILENO) == 1),
+      shown_(terminal_ || forced) {}
 
 ProgressPrinter::~ProgressPrinter() {
   if (drawn_ && terminal_) std::fputc('\n', stderr);
 }
 
 void ProgressPrinter::operator()(double fraction, const std::string& detail) {
+  if (!shown_) return;
   int percent = static_cast<int>(std::clamp(fraction, 0.0, 1.0) * 100.0 + 0.5);
   drawn_ = true;
   if (!terminal_) {

@@ -4,11 +4,12 @@
 
 namespace corvelstow::cli {
 
-/// Shows long work's progress on stderr: a bar redrawn in place on a terminal, otherwise a plain
-/// line whenever the percentage moves, so that stdout carries only the result.
+/// Shows long work's progress on stderr, as git does: a bar redrawn in place when stderr is a
+/// terminal; otherwise nothing, unless `forced` (--progress), and then a plain line whenever the
+/// percentage moves. Stdout carries only the result.
 class ProgressPrinter {
  public:
-  explicit ProgressPrinter(std::string title);
+  ProgressPrinter(std::string title, bool forced);
   ~ProgressPrinter();
 
   void operator()(double fraction, const std::string& detail);
@@ -16,6 +17,7 @@ class ProgressPrinter {
  private:
   std::string title_;
   bool terminal_;
+  bool shown_;
   bool drawn_ = false;
   int lastPercent_ = -1;
 };
