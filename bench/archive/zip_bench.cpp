@@ -1,7 +1,9 @@
 // The archive writer and reader as a user would run them, and two measurements of their inner
 // loops. Driven by bench/archive/run.py, which compares it with zip, bsdtar and unzip.
 //
-//   zip_bench pack FOLDER ARCHIVE     every folder and file below FOLDER, files deflated
+//   zip_bench pack FOLDER ARCHIVE [THREADS]
+//                                     every folder and file below FOLDER, files deflated by
+//                                     THREADS threads (1 unless told)
 //   zip_bench unpack ARCHIVE FOLDER   every entry, CRC-checked, into FOLDER
 //   zip_bench crc MIB                 CRC-32 throughput: zlib's, whole and in joined blocks, against
 //                                     a byte at a time
@@ -36,11 +38,11 @@ double secondsSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-int pack(const fs::path& folder, const fs::path& archive) {
+int pack(const fs::path& folder, const fs::path& archive, unsigned threads) {
   std::vector<fs::directory_entry> entries(fs::recursive_directory_iterator(folder), {});
   std::sort(entries.begin(), entries.end(),
             [](const auto& a, const auto& b) { return a.path() < b.path(); });
-  StowZipWriter writer(archive);
+  StowZipWriter writer(archive, threads);
   std::uint64_t bytes = 0;
   for (const fs::directory_entry& entry : entries) {
     const std::string name = fs::relative(entry.path(), folder).generic_string();
@@ -161,7 +163,9 @@ int streams(int entries) {
 int main(int argc, char** argv) {
   const std::vector<std::string> args(argv + 1, argv + argc);
   try {
-    if (args.size() == 3 && args[0] == "pack") return pack(args[1], args[2]);
+    if ((args.size() == 3 || args.size() == 4) && args[0] == "pack") {
+      return pack(args[1], args[2], args.size() == 4 ? std::stoul(args[3]) : 1);
+    }
     if (args.size() == 3 && args[0] == "unpack") return unpack(args[1], args[2]);
     if (args.size() == 2 && args[0] == "crc") return crc(std::stoul(args[1]));
     if (args.size() == 2 && args[0] == "streams") return streams(std::stoi(args[1]));
@@ -169,7 +173,7 @@ int main(int argc, char** argv) {
     std::cerr << error.what() << '\n';
     return 1;
   }
-  std::cerr << "usage: zip_bench pack FOLDER ARCHIVE | unpack ARCHIVE FOLDER | crc MIB | "
+  std::cerr << "usage: zip_bench pack FOLDER ARCHIVE [THREADS] | unpack ARCHIVE FOLDER | crc MIB | "
                "streams ENTRIES\n";
   return 2;
 }
