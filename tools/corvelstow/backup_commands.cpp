@@ -9,27 +9,24 @@
 #include "backup/usage.h"
 #include "base/file_error.h"
 #include "base/files.h"
-#include "platform/platform.h"
 #include "command_context.h"
 #include "model_session.h"
 #include "panel_output.h"
+#include "platform/platform.h"
 #include "progress_printer.h"
 #include "store/host_app.h"
 
 namespace corvelstow::cli {
 namespace {
 
-// Through the panel model, as "Back Up Now" does: its progress is the model's.
-void backup(const CommandContext& context, bool includeCachesFlag) {
+// Through the panel model, as "Back Up Now" does: its progress is the model's. Caches go in
+// when asked for here or by the saved option.
+void backup(const CommandContext& context, bool includeCachesFlag, unsigned threads) {
   ModelSession session(context.container());
   StowModel& model = session.model();
   ProgressPrinter progress("Backing up");
   session.followWork(std::ref(progress));
-  if (includeCachesFlag) {
-    model.backUpWith(true);
-  } else {
-    model.backUp();
-  }
+  model.backUpWith(includeCachesFlag || model.settings().includeCaches, threads);
   session.finishWork();
   fs::path archive = *model.lastExport();
   if (context.json) {
@@ -120,16 +117,31 @@ void addBackupCommands(CLI::App& app, CommandList& commands) {
   auto includeCaches = std::make_shared<bool>(false);
   backupCommand->add_flag("--include-caches", *includeCaches,
                           "Include Library/Caches (otherwise the saved option decides)");
-  commands.push_back({backupCommand, [includeCaches](const CommandContext& context) {
-                        backup(context, *includeCaches);
+  auto threads = std::make_shared<unsigned>(platform::processorCount());
+  backupCommand
+      ->add_option("--threads", *threads,
+                   "Compress with N threads (default: one per processor); the archive is the "
+                   "same whatever N")
+      ->type_name("N")
+      ->check(CLI::Validator(
+          [](const std::string& text) {
+            unsigned long value = 0;
+            const bool digits = !text.empty() && text.size() <= 9 &&
+                                text.find_first_not_of("0123456789") == std::string::npos;
+            if (digits) value = std::stoul(text);
+            return value >= 1 ? std::string()
+                              : "The number of threads must be a whole number from 1 up.";
+          },
+          "N >= 1"));
+  commands.push_back({backupCommand, [includeCaches, threads](const CommandContext& context) {
+                        backup(context, *includeCaches, *threads);
                       }});
 
   auto* inspectCommand = app.add_subcommand("inspect", "Show what a backup holds");
   auto archive = std::make_shared<std::string>();
   inspectCommand->add_option("file", *archive, "The backup (.corvelappdata)")->required();
-  commands.push_back({inspectCommand, [archive](const CommandContext& context) {
-                        inspect(context, *archive);
-                      }});
+  commands.push_back(
+      {inspectCommand, [archive](const CommandContext& context) { inspect(context, *archive); }});
 
   auto* restoreCommand =
       app.add_subcommand("restore", "Prepare a restore; the next launch swaps it in");
@@ -148,8 +160,9 @@ void addBackupCommands(CLI::App& app, CommandList& commands) {
   auto* set = app.add_subcommand("set", "Change an option: include-caches or show-on-launch");
   auto option = std::make_shared<std::string>();
   auto value = std::make_shared<std::string>();
-  set->add_option("option", *option)->required()->check(
-      CLI::IsMember({"include-caches", "show-on-launch"}));
+  set->add_option("option", *option)
+      ->required()
+      ->check(CLI::IsMember({"include-caches", "show-on-launch"}));
   set->add_option("value", *value)->required()->check(CLI::IsMember({"on", "off"}));
   commands.push_back({set, [option, value](const CommandContext& context) {
                         setOption(context, *option, *value == "on");
