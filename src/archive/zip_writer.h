@@ -91,6 +91,10 @@ class StowZipWriter {
   void addFile(int source, const std::filesystem::path& file, std::string_view name,
                std::uint16_t permissions = zip::kPermissionsFile);
 
+  /// Makes room in written() for `entries` entries in all, so that a long list does not grow
+  /// by copying.
+  void reserve(std::size_t entries) { written_.reserve(entries); }
+
   /// Writes every file added so far, waiting for its compression; throws the first failure.
   void writePending();
 

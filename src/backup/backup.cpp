@@ -123,6 +123,7 @@ UniqueFd openInTurn(StowZipWriter& writer, FolderChain& chain, const std::string
 
 void writeArchive(StowZipWriter& writer, FolderChain& chain, const fs::path& home,
                   const StowManifest& manifest, BackupPlan plan, const StowProgress& progress) {
+  writer.reserve(2 + plan.folders.size() + plan.files.size());
   writer.add(encodeRecord(manifest), "manifest.json", currentDate());
   writer.addDirectory("container", currentDate());
   for (const auto& folder : plan.folders) {
@@ -144,9 +145,10 @@ void writeArchive(StowZipWriter& writer, FolderChain& chain, const fs::path& hom
     }
     ++i;
   });
-  for (const std::string& relative : plan.files) {
+  for (std::string& relative : plan.files) {
     UniqueFd file = openInTurn(writer, chain, relative);
     writer.addFile(file.get(), files::join(home, relative), std::string(kPrefix) + relative);
+    std::string().swap(relative);  // the writer holds the name now: not twice in memory
   }
   // The central directory is built in memory next: give back the file list first.
   plan = BackupPlan();
