@@ -76,10 +76,11 @@ class StowZipWriter {
   /// Adds the file at `file`, deflated, its CRC and sizes in a data descriptor after the data.
   /// The file is opened without following a link (a link there is refused: ELOOP); its size and
   /// modification time come from the opened file's status; an empty file becomes a stored
-  /// entry. The file is read to its end during the call, so it may be closed afterwards; its
-  /// entry is written once its blocks are compressed, during this call or a later one (with one
-  /// thread, before this one returns). Throws tooLarge(name) for a file of 4 GiB − 1 bytes or
-  /// more (before anything is written) or compressed data that large. `permissions` are the
+  /// entry. The file is read to its end during the call, so it may be closed afterwards: the
+  /// entry holds what was read, whatever the size said. It is written once its blocks are
+  /// compressed, during this call or a later one (with one thread, before this one returns).
+  /// Throws tooLarge(name) for a file of 4 GiB − 1 bytes or more (before anything is written),
+  /// one that grows that large while it is read, or compressed data that large. `permissions` are the
   /// Unix permission bits the central directory gives the entry (0644 unless told). A failure
   /// of this file is raised after the files before it are written, so that one of theirs, which
   /// came first, is raised instead.
