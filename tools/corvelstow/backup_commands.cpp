@@ -132,7 +132,7 @@ void addBackupCommands(CLI::App& app, CommandList& commands) {
             return value >= 1 ? std::string()
                               : "The number of threads must be a whole number from 1 up.";
           },
-          "N >= 1"));
+          ""));
   commands.push_back({backupCommand, [includeCaches, threads](const CommandContext& context) {
                         backup(context, *includeCaches, *threads);
                       }});
