@@ -30,7 +30,7 @@ constexpr std::size_t kMaxNameLength = 0xFFFF;
 constexpr std::size_t kWindowSize = 32 << 10;  // the farthest back a DEFLATE match reaches
 // Blocks read and not yet written, per thread: enough that no thread waits for the next while
 // the oldest is written, few enough that memory stays small whatever the files.
-constexpr std::size_t kBlocksPerThread = 4;
+constexpr std::size_t kBlocksPerThread = 2;
 
 // What one thread compresses with, made on its first block and reused for the next ones.
 struct Compressor {

@@ -55,7 +55,7 @@ class StowZipWriter {
   /// The bytes of a file compressed as one piece; a larger file is cut into blocks this long.
   static constexpr std::size_t kBlockSize = 128 << 10;
   /// The most threads a writer uses, whatever it is asked for: each costs about 1 MiB.
-  static constexpr unsigned kMaxThreads = 16;
+  static constexpr unsigned kMaxThreads = 8;
 
   /// Creates (or empties) the file at `location`; files will be compressed by `threads`
   /// threads (at most kMaxThreads), with 1 on the calling thread as each is added. Throws
