@@ -284,7 +284,7 @@ void StowZipWriter::writePending() {
 }
 
 void StowZipWriter::writeReady() {
-  while (!pending_.empty() && writeFront(false)) {
+  while (!pending_.empty() && !failure_ && writeFront(false)) {
   }
   throwIfFailed();
 }
@@ -302,19 +302,19 @@ bool StowZipWriter::writeFront(bool wait) {
       front.started = true;
     }
     while (!front.blocks.empty()) {
-      Block& block = *front.blocks.front();
-      if (!wait &&
-          block.compressed.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
+      if (!wait && front.blocks.front()->compressed.wait_for(std::chrono::seconds(0)) !=
+                       std::future_status::ready) {
         return false;
       }
       wait = false;
-      block.compressed.get();  // raises what its compression threw
-      writeBytes(block.output);
-      front.compressed += block.output.size();
-      front.uncompressed += block.size;
-      front.crc.append(block.crc, block.size);
+      const std::unique_ptr<Block> block = std::move(front.blocks.front());
       front.blocks.pop_front();
       --blocksPending_;
+      block->compressed.get();  // raises what its compression threw
+      writeBytes(block->output);
+      front.compressed += block->output.size();
+      front.uncompressed += block->size;
+      front.crc.append(block->crc, block->size);
     }
     if (!front.complete) return false;
     completeEntry(front);
