@@ -9,10 +9,10 @@
 #include "backup/usage.h"
 #include "base/file_error.h"
 #include "base/files.h"
+#include "platform/platform.h"
 #include "command_context.h"
 #include "model_session.h"
 #include "panel_output.h"
-#include "platform/platform.h"
 #include "progress_printer.h"
 #include "store/host_app.h"
 
@@ -140,8 +140,9 @@ void addBackupCommands(CLI::App& app, CommandList& commands) {
   auto* inspectCommand = app.add_subcommand("inspect", "Show what a backup holds");
   auto archive = std::make_shared<std::string>();
   inspectCommand->add_option("file", *archive, "The backup (.corvelappdata)")->required();
-  commands.push_back(
-      {inspectCommand, [archive](const CommandContext& context) { inspect(context, *archive); }});
+  commands.push_back({inspectCommand, [archive](const CommandContext& context) {
+                        inspect(context, *archive);
+                      }});
 
   auto* restoreCommand =
       app.add_subcommand("restore", "Prepare a restore; the next launch swaps it in");
@@ -160,9 +161,8 @@ void addBackupCommands(CLI::App& app, CommandList& commands) {
   auto* set = app.add_subcommand("set", "Change an option: include-caches or show-on-launch");
   auto option = std::make_shared<std::string>();
   auto value = std::make_shared<std::string>();
-  set->add_option("option", *option)
-      ->required()
-      ->check(CLI::IsMember({"include-caches", "show-on-launch"}));
+  set->add_option("option", *option)->required()->check(
+      CLI::IsMember({"include-caches", "show-on-launch"}));
   set->add_option("value", *value)->required()->check(CLI::IsMember({"on", "off"}));
   commands.push_back({set, [option, value](const CommandContext& context) {
                         setOption(context, *option, *value == "on");
