@@ -12,6 +12,8 @@
 namespace corvelstow {
 namespace {
 
+static_assert(DeflateStream::kDefaultLevel == Z_DEFAULT_COMPRESSION);
+
 constexpr int kRawWindowBits = -15;  // negative: raw DEFLATE without a header or trailer
 constexpr int kMemoryLevel = 8;      // zlib's default
 
@@ -30,9 +32,9 @@ constexpr std::size_t kMaxSlice = std::numeric_limits<uInt>::max();
 DeflateStream::DeflateStream()
     : stream_(std::make_unique<z_stream>()),
       buffer_(new unsigned char[kBufferSize]),
-      level_(Z_DEFAULT_COMPRESSION) {
-  int status = deflateInit2(stream_.get(), Z_DEFAULT_COMPRESSION, Z_DEFLATED, kRawWindowBits,
-                            kMemoryLevel, Z_DEFAULT_STRATEGY);
+      level_(kDefaultLevel) {
+  int status = deflateInit2(stream_.get(), kDefaultLevel, Z_DEFLATED, kRawWindowBits, kMemoryLevel,
+                            Z_DEFAULT_STRATEGY);
   if (status != Z_OK) throwZlibFailure(status);
 }
 
@@ -52,33 +54,20 @@ DeflateStream& DeflateStream::operator=(DeflateStream&& other) noexcept {
   return *this;
 }
 
-void DeflateStream::reset() {
+void DeflateStream::reset(int level) {
   deflateReset(stream_.get());
-  if (level_ != Z_DEFAULT_COMPRESSION) {
+  if (level != level_) {
     // Right after a reset no data is pending, so zlib changes the level without output.
-    deflateParams(stream_.get(), Z_DEFAULT_COMPRESSION, Z_DEFAULT_STRATEGY);
-    level_ = Z_DEFAULT_COMPRESSION;
+    int status = deflateParams(stream_.get(), level, Z_DEFAULT_STRATEGY);
+    if (status != Z_OK) throwZlibFailure(status);
+    level_ = level;
   }
 }
 
-void DeflateStream::setLevel(int level, const ByteSink& sink) {
-  if (level == level_) return;
-  // zlib compresses what it holds with the old level before it switches, and needs room for
-  // that output: empty it to a block boundary first, then retry while it asks for room.
-  stream_->next_in = nullptr;
-  stream_->avail_in = 0;
-  run(Z_BLOCK, sink);
-  int status = Z_BUF_ERROR;
-  while (status == Z_BUF_ERROR) {
-    stream_->next_out = buffer_.get();
-    stream_->avail_out = kBufferSize;
-    status = deflateParams(stream_.get(), level, Z_DEFAULT_STRATEGY);
-    std::size_t produced = kBufferSize - stream_->avail_out;
-    if (produced > 0) sink({reinterpret_cast<const char*>(buffer_.get()), produced});
-    if (status == Z_BUF_ERROR && produced == 0) run(Z_BLOCK, sink);
-  }
+void DeflateStream::setDictionary(std::string_view preceding) {
+  int status = deflateSetDictionary(stream_.get(), reinterpret_cast<const Bytef*>(preceding.data()),
+                                    static_cast<uInt>(std::min(preceding.size(), kMaxSlice)));
   if (status != Z_OK) throwZlibFailure(status);
-  level_ = level;
 }
 
 void DeflateStream::write(std::string_view input, const ByteSink& sink) {
@@ -89,6 +78,12 @@ void DeflateStream::write(std::string_view input, const ByteSink& sink) {
     run(Z_NO_FLUSH, sink);
     input.remove_prefix(slice);
   }
+}
+
+void DeflateStream::flush(const ByteSink& sink) {
+  stream_->next_in = nullptr;
+  stream_->avail_in = 0;
+  run(Z_SYNC_FLUSH, sink);
 }
 
 void DeflateStream::finish(const ByteSink& sink) {

@@ -2,6 +2,8 @@
 
 // Raw DEFLATE (RFC 1951, no zlib or gzip wrapper) over zlib, streamed through a 64 KiB buffer.
 // One stream serves many entries: reset() readies it for the next one without new allocations.
+// A long input may be cut into blocks compressed by separate streams, each primed with the 32 KiB
+// before it and flushed, the last one finished: joined in order, their outputs are one stream.
 
 #include <cstddef>
 #include <functional>
@@ -19,6 +21,8 @@ using ByteSink = std::function<void(std::string_view piece)>;
 class DeflateStream {
  public:
   static constexpr std::size_t kBufferSize = 65536;
+  static constexpr int kDefaultLevel = -1;  ///< zlib's default, level 6
+  static constexpr int kStoredLevel = 0;    ///< stored blocks: the data as it is
 
   /// A raw DEFLATE compressor at zlib's default level. Throws std::bad_alloc when zlib cannot.
   DeflateStream();
@@ -26,14 +30,17 @@ class DeflateStream {
   DeflateStream(DeflateStream&& other) noexcept;
   DeflateStream& operator=(DeflateStream&& other) noexcept;
 
-  /// Forgets any unfinished input and starts a new stream at the default level.
-  void reset();
+  /// Forgets any unfinished input and starts a new stream at `level` (0, stored blocks, to 9).
+  void reset(int level = kDefaultLevel);
 
-  /// Compresses what follows at `level` (0, stored blocks, to 9), handing what was pending to
-  /// `sink` first. The output stays one valid DEFLATE stream.
-  void setLevel(int level, const ByteSink& sink);
+  /// Primes a stream just reset with the bytes that come before its input (DEFLATE looks back
+  /// 32 KiB at most), so that the output continues a stream that ended with them.
+  void setDictionary(std::string_view preceding);
   /// Compresses `input`, handing every full buffer to `sink`.
   void write(std::string_view input, const ByteSink& sink);
+  /// Hands all output so far to `sink`, ending on a byte boundary with an empty stored block,
+  /// and leaves the stream open: another stream's output may follow it.
+  void flush(const ByteSink& sink);
   /// Ends the stream, handing the rest of the output to `sink`.
   void finish(const ByteSink& sink);
 

@@ -110,32 +110,45 @@ UniqueFd openPlanned(FolderChain& chain, const std::string& relative) {
   return file;
 }
 
-std::int64_t sizeOf(int file) {
-  struct stat info {};
-  return ::fstat(file, &info) == 0 ? info.st_size : 0;
+// Opens a file of the plan as openPlanned does. When it cannot, the files before it are
+// written first: a failure of theirs came first, and is the one raised.
+UniqueFd openInTurn(StowZipWriter& writer, FolderChain& chain, const std::string& relative) {
+  try {
+    return openPlanned(chain, relative);
+  } catch (...) {
+    writer.writePending();
+    throw;
+  }
 }
 
 void writeArchive(StowZipWriter& writer, FolderChain& chain, const fs::path& home,
                   const StowManifest& manifest, BackupPlan plan, const StowProgress& progress) {
+  writer.reserve(2 + plan.folders.size() + plan.files.size());
   writer.add(encodeRecord(manifest), "manifest.json", currentDate());
   writer.addDirectory("container", currentDate());
   for (const auto& folder : plan.folders) {
     writer.addDirectory(std::string(kPrefix) + folder, currentDate());
   }
+  // As each file is written, which may be after later ones were read: every eighth file and the
+  // last, so that many small files do not flood the panel.
   const size_t n = plan.files.size();
+  const std::int64_t totalBytes = plan.totalBytes;
+  size_t i = 0;
   std::int64_t written = 0;
-  for (size_t i = 0; i < n; ++i) {
-    UniqueFd file = openPlanned(chain, plan.files[i]);
-    writer.addFile(file.get(), files::join(home, plan.files[i]),
-                   std::string(kPrefix) + plan.files[i]);
-    written = checkedAdd(written, sizeOf(file.get()));
-    // Every eighth file and the last, so that many small files do not flood the panel.
+  writer.onFileWritten([&](const StowZipWriter::Written& entry) {
+    written = checkedAdd(written, std::int64_t{entry.size});
     if ((i & 7) == 0 || i == n - 1) {
-      double fraction = plan.totalBytes > 0
-                            ? static_cast<double>(written) / static_cast<double>(plan.totalBytes)
+      double fraction = totalBytes > 0
+                            ? static_cast<double>(written) / static_cast<double>(totalBytes)
                             : static_cast<double>(i + 1) / static_cast<double>(n);
       progress(fraction, std::to_string(i + 1) + " of " + std::to_string(n) + " files");
     }
+    ++i;
+  });
+  for (std::string& relative : plan.files) {
+    UniqueFd file = openInTurn(writer, chain, relative);
+    writer.addFile(file.get(), files::join(home, relative), std::string(kPrefix) + relative);
+    std::string().swap(relative);  // the writer holds the name now: not twice in memory
   }
   // The central directory is built in memory next: give back the file list first.
   plan = BackupPlan();
@@ -182,11 +195,12 @@ void prepareExports(const fs::path& exports) {
 
 // Writes `archive` under a hidden name beside it and renames it into place once finished, so
 // that its name never holds a partial archive. A failure leaves nothing behind.
-void writeWhenDone(const fs::path& archive, const std::function<void(StowZipWriter&)>& write) {
+void writeWhenDone(const fs::path& archive, unsigned threads,
+                   const std::function<void(StowZipWriter&)>& write) {
   std::string partial = archive.parent_path() / ("." + archive.filename().string() + ".XXXXXX");
   if (UniqueFd created(::mkstemp(partial.data())); !created) throwFileError("create", archive);
   ScopeGuard removePartial([&] { ::unlink(partial.c_str()); });
-  StowZipWriter writer(partial);
+  StowZipWriter writer(partial, threads);
   write(writer);
   if (::rename(partial.c_str(), archive.c_str()) != 0) throwFileError("save", archive);
   removePartial.cancel();
@@ -221,7 +235,7 @@ std::string exportFileName(std::string_view appName, StowDate createdAt) {
 }
 
 fs::path backUp(const StowLayout& layout, const StowHostApp& app, const std::string& deviceName,
-                bool includeCaches, const StowProgress& progress) {
+                bool includeCaches, unsigned threads, const StowProgress& progress) {
   const std::optional<StowContainerLock> lock = lockFor(layout);
   // Settings reach Library/Preferences only when the store has written them out.
   platform::PreferencesStore(layout.preferences).synchronize();
@@ -238,7 +252,7 @@ fs::path backUp(const StowLayout& layout, const StowHostApp& app, const std::str
 
   prepareExports(layout.exports);
   const fs::path archive = layout.exports / exportFileName(app.name, createdAt);
-  writeWhenDone(archive, [&](StowZipWriter& writer) {
+  writeWhenDone(archive, threads, [&](StowZipWriter& writer) {
     writeArchive(writer, chain, layout.home, manifest, std::move(plan), progress);
   });
   removeOtherExports(archive);

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <string_view>
-#include <thread>
 #include <unordered_set>
 
 #include "archive/zip_error.h"
@@ -207,8 +206,6 @@ std::int64_t unpack(const StowZipReader& reader, const std::vector<const StowZip
 }
 
 }  // namespace
-
-unsigned stagingThreads() { return std::max(1u, std::thread::hardware_concurrency()); }
 
 void stageRestore(const StowLayout& layout, const fs::path& archive, StowRestoreScope scope,
                   unsigned threads, const StowProgress& progress) {

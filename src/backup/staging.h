@@ -8,9 +8,6 @@
 
 namespace corvelstow {
 
-/// How many threads stage a restore unless told otherwise: one for each processor.
-unsigned stagingThreads();
-
 /// Unpacks the part of `archive` that `scope` selects into the Staged folder, checks it and
 /// writes staged.json, for the next launch to swap in, holding the container lock throughout.
 /// `threads` threads unpack at once (8 at most; 1 unpacks on the calling thread alone); the

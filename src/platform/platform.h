@@ -73,6 +73,11 @@ class PreferencesStore {
 /// platforms it comes from UIKit (UIDevice), which answers there only.
 std::string deviceName();
 
+/// How many threads the engine keeps busy at once for long work: the processors the system
+/// gives the app (Apple: the active processor count; elsewhere the hardware's concurrency as
+/// the C++ library reports it), at least 1.
+unsigned processorCount();
+
 /// Access to a file that the user picked outside the app's own folders, for as long as this
 /// object lives. Apple: startAccessingSecurityScopedResource on the location the document
 /// picker returned, and stopAccessingSecurityScopedResource at the end when access began.

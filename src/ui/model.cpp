@@ -198,19 +198,19 @@ void StowModel::fail(const std::string& message) {
 }
 
 void StowModel::backUp(std::function<void(const std::filesystem::path&)> completion) {
-  backUpWith(settings_.includeCaches, std::move(completion));
+  backUpWith(settings_.includeCaches, platform::processorCount(), std::move(completion));
 }
 
-void StowModel::backUpWith(bool includeCaches,
+void StowModel::backUpWith(bool includeCaches, unsigned threads,
                            std::function<void(const std::filesystem::path&)> completion) {
   if (!work_.isIdle()) return;
   publish(errorText_, std::optional<std::string>(), Field::errorText);
   publish(work_, Work::running(kBackingUp, 0, "Starting"), Field::work);
-  runInBackground([layout = layout_, app = app_, device = deviceName_, includeCaches,
+  runInBackground([layout = layout_, app = app_, device = deviceName_, includeCaches, threads,
                    progress = progressFor(kBackingUp),
                    completion = std::move(completion)]() -> Continuation {
     std::filesystem::path archive =
-        corvelstow::backUp(layout, app, device, includeCaches, progress);
+        corvelstow::backUp(layout, app, device, includeCaches, threads, progress);
     return [archive, completion](StowModel& model) {
       model.finishProgress();
       model.publish(model.work_, Work::idle(), Field::work);
@@ -254,7 +254,7 @@ void StowModel::prepareRestore(unsigned threads) {
   if (!preview_ || !work_.isIdle()) return;
   publish(errorText_, std::optional<std::string>(), Field::errorText);
   publish(work_, Work::running(kPreparing, 0, "Unpacking"), Field::work);
-  if (threads == 0) threads = stagingThreads();
+  if (threads == 0) threads = platform::processorCount();
   runInBackground([layout = layout_, archive = preview_->url, scope = scope_, threads,
                    progress = progressFor(kPreparing)]() -> Continuation {
     stageRestore(layout, archive, scope, threads, progress);

@@ -208,14 +208,15 @@ class StowModel : public std::enable_shared_from_this<StowModel> {
   /// in the background.
   void reload();
 
-  /// Backs up the container in the background, with the saved choice about caches. On
-  /// success `completion` receives the archive, which also becomes lastExport; on failure the
-  /// error's text becomes errorText. Nothing while other work runs.
+  /// Backs up the container in the background, with the saved choice about caches, compressing
+  /// on one thread per processor. On success `completion` receives the archive, which also
+  /// becomes lastExport; on failure the error's text becomes errorText. Nothing while other
+  /// work runs.
   void backUp(std::function<void(const std::filesystem::path&)> completion = {});
 
-  /// As backUp, with the choice about caches given rather than the saved one (the command
-  /// line's --include-caches); the saved option is left as it is.
-  void backUpWith(bool includeCaches,
+  /// As backUp, with the choice about caches and the number of threads given (the command
+  /// line's --include-caches and --threads); the saved option is left as it is.
+  void backUpWith(bool includeCaches, unsigned threads,
                   std::function<void(const std::filesystem::path&)> completion = {});
 
   /// Reads the manifest of `archive` in the background: a preview on success (the scope back

@@ -9,13 +9,12 @@
 namespace corvelstow {
 namespace {
 
-// One moved-into stream of each kind serves several inputs in turn, fed in uneven pieces, with
-// dense pieces in stored blocks of the same stream and the rest compressed, as the writer does;
-// zlib's own inflate is the oracle. Random bytes are dense, but not when a block of them repeats
-// within DEFLATE's window, anywhere in the piece. A reset stream starts at the default level
-// again. Inflating wants more input until the end of the stream, ignores what follows it, and
-// reports bad data.
-TEST(DeflateStreamTest, RoundTripsThroughOneResetStreamSwitchingLevels) {
+// One moved-into stream of each kind serves several inputs in turn, fed in uneven pieces; each
+// piece is compressed on its own (dense ones stored) and joins the one before it, as the writer's
+// blocks do; zlib's own inflate is the oracle. Random bytes are dense, but not when a block of them
+// repeats within DEFLATE's window, anywhere in the piece. Inflating wants more input until the end
+// of the stream, ignores what follows it, and reports bad data.
+TEST(DeflateStreamTest, RoundTripsPiecesCompressedApartAndJoined) {
   using Status = InflateStream::Status;
   const std::string text = testing::sampleText(300000), noise = testing::randomBytes(300000, 9);
   std::string repeats;
@@ -39,23 +38,33 @@ TEST(DeflateStreamTest, RoundTripsThroughOneResetStreamSwitchingLevels) {
   const ByteSink append = [&](std::string_view piece) { unpacked += piece; };
   EXPECT_EQ(inflater.write("\xff\xff\xff\xff", append), Status::corrupt);  // no block type 3
   for (const auto& pieces : inputs) {
-    deflater.reset();
     std::string input, compressed;
     std::size_t budget = 64;  // stored noise costs a few bytes a block; text shrinks by half
     const ByteSink collect = [&](std::string_view piece) {
       EXPECT_LE(piece.size(), DeflateStream::kBufferSize);
       compressed += piece;
     };
-    for (const std::string& piece : pieces) {
+    // Each piece by the stream reset, primed with the 32 KiB before it, and flushed; the last
+    // one finished.
+    for (std::size_t i = 0; i < pieces.size(); ++i) {
+      const std::string& piece = pieces[i];
       const bool compress = probe.worthCompressing(piece);
-      deflater.setLevel(compress ? -1 : 0, collect);
+      deflater.reset(compress ? DeflateStream::kDefaultLevel : DeflateStream::kStoredLevel);
+      if (compress && !input.empty()) {
+        deflater.setDictionary(std::string_view(input).substr(
+            input.size() - std::min<std::size_t>(input.size(), 32768)));
+      }
       for (std::size_t at = 0; at < piece.size(); at += 40000) {
         deflater.write(std::string_view(piece).substr(at, 40000), collect);
+      }
+      if (i + 1 < pieces.size()) {
+        deflater.flush(collect);
+      } else {
+        deflater.finish(collect);
       }
       input += piece;
       budget += compress ? piece.size() / 2 : piece.size() + piece.size() / 1000;
     }
-    deflater.finish(collect);
     ASSERT_EQ(testing::zlibInflateRaw(compressed), input);
     EXPECT_LT(compressed.size(), budget);
 

@@ -19,13 +19,15 @@ namespace fs = std::filesystem;
 using Tree = std::map<std::string, std::string>;
 using testing::runProcess;
 
-// A small data container: nested folders, an empty file, text, random bytes, names beyond ASCII.
+// A small data container: nested folders, an empty file, a small one, text of several blocks,
+// random bytes going over into text, one block and a byte, names beyond ASCII.
+constexpr std::size_t kBlock = StowZipWriter::kBlockSize;
 const Tree kTree = {
-    {"notes.txt", testing::sampleText(200000)},
+    {"notes.txt", testing::sampleText(4 * kBlock + 1000)},
     {"empty.txt", ""},
-    {"photos/a.bin", testing::randomBytes(300000, 9)},
+    {"photos/a.bin", testing::randomBytes(2 * kBlock + 5, 9) + testing::sampleText(kBlock)},
     {"Caf\xC3\xA9/\xE6\x97\xA5\xE8\xA8\x98.txt", "tagebuch"},
-    {"deep/er/still/x.json", testing::sampleText(1500)},
+    {"deep/er/still/x.json", testing::sampleText(kBlock + 1)},
 };
 
 std::string writeTree(const testing::TempFolder& folder) {
@@ -79,19 +81,25 @@ with zipfile.ZipFile(path, "w", method) as archive:
             archive.writestr(name, data)
 )";
 
-// Each tool unpacks every file, checking its CRC, and makes the empty folder.
-TEST(ZipInteropTest, OurArchivesPassUnzipBsdtarAndPython) {
+// Written on 1, 2 or 8 threads, the archive is the same byte for byte. Each tool unpacks every
+// file, checking its CRC, and makes the empty folder.
+TEST(ZipInteropTest, OurArchivesAreTheSameOnAnyThreadsAndPassUnzipBsdtarAndPython) {
   testing::TempFolder folder;
   const std::string tree = writeTree(folder), archive = (folder / "ours.zip").string();
-  StowZipWriter writer(archive);
-  writer.add("{\"appName\": \"Notes\"}", "manifest.json", currentDate());
-  writer.addDirectory("container/empty", currentDate());
   Tree expected = {{"manifest.json", "{\"appName\": \"Notes\"}"}};
-  for (const auto& [name, bytes] : kTree) {
-    writer.addFile(fs::path(tree) / name, "container/" + name);
-    expected["container/" + name] = bytes;
+  std::string onOneThread;
+  for (unsigned threads : {1u, 2u, 8u}) {
+    StowZipWriter writer(archive, threads);
+    writer.add("{\"appName\": \"Notes\"}", "manifest.json", testing::sampleDate());
+    writer.addDirectory("container/empty", testing::sampleDate());
+    for (const auto& [name, bytes] : kTree) {
+      writer.addFile(fs::path(tree) / name, "container/" + name);
+      expected["container/" + name] = bytes;
+    }
+    writer.finish();
+    if (threads == 1) onOneThread = testing::readFile(archive);
+    EXPECT_TRUE(testing::readFile(archive) == onOneThread) << threads << " threads";
   }
-  writer.finish();
 
   fs::create_directories(folder / "bsdtar");
   const std::vector<std::string> commands[] = {

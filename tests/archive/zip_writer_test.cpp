@@ -150,7 +150,7 @@ TEST(ZipWriterTest, ReportsWhatItCannotCreateReadOrWrite) {
   EXPECT_EQ(writer.offset(), 0u);
   writer.add("x", std::string(65535, 'n'), sampleDate());
 
-  testing::writeFile(folder / "random.bin", testing::randomBytes(300000));
+  testing::writeFile(folder / "random.bin", testing::randomBytes(1 << 20));
   rlimit saved{};
   ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &saved), 0);
   auto previousHandler = std::signal(SIGXFSZ, SIG_IGN);
@@ -165,6 +165,14 @@ TEST(ZipWriterTest, ReportsWhatItCannotCreateReadOrWrite) {
             "file error: Could not write to x.zip: File too large.");
   EXPECT_EQ(writer.written().size(), 1u);
   EXPECT_EQ(std::filesystem::file_size(folder / "x.zip"), 100000u);
+  // On two threads the file is read ahead of the writes; the failure comes by the end.
+  StowZipWriter ahead(folder / "ahead.zip", 2);
+  EXPECT_EQ(failure([&] {
+              ahead.addFile(folder / "random.bin", "random.bin");
+              ahead.finish();
+            }),
+            "file error: Could not write to ahead.zip: File too large.");
+  EXPECT_TRUE(ahead.written().empty());
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <thread>
+
 #include "archive/zip_reader.h"
 #include "backup/inspection.h"
 #include "base/file_error.h"
@@ -27,11 +29,14 @@ class BackupTest : public ::testing::Test {
   StowHostApp app{"com.example.notes", "Notes: Pro", std::string("2.4"), std::nullopt};
   std::vector<Report> reports;
 
+  // On several threads; progress is reported on this one.
   fs::path backUp(bool includeCaches = false) {
-    return corvelstow::backUp(layout, app, "Ada's iPhone", includeCaches,
-                              [&](double f, const std::string& d) {
-                                reports.push_back({f, d});
-                              });
+    return corvelstow::backUp(
+        layout, app, "Ada's iPhone", includeCaches, 4,
+        [&, caller = std::this_thread::get_id()](double f, const std::string& d) {
+          EXPECT_EQ(std::this_thread::get_id(), caller);
+          reports.push_back({f, d});
+        });
   }
 
   static std::vector<std::string> names(const fs::path& archive) {
@@ -165,10 +170,10 @@ TEST_F(BackupTest, AFailedBackupLeavesThePreviousExportAndNoStamp) {
   const fs::path previous = backUp();
   const std::string previousBytes = testing::readFile(previous);
   const auto stamp = loadSettings(layout).lastBackupAt;
-  // b.txt goes while a.txt is archived.
+  // b.txt goes once a.txt is archived: on one thread, that is before b.txt is opened.
   auto failure = [&] {
     try {
-      corvelstow::backUp(layout, app, "Ada's iPhone", false,
+      corvelstow::backUp(layout, app, "Ada's iPhone", false, 1,
                          [&](double, const std::string& detail) {
                            if (detail == "1 of 2 files") fs::remove(layout.documents / "b.txt");
                          });

@@ -140,7 +140,7 @@ TEST_F(ModelTest, BackUpReportsProgressInOrderAndNothingElseStartsWhileItRuns) {
     dispatcher.settle();
     return readManifest(*model->lastExport()).fileCount;
   };
-  EXPECT_EQ(backedUpFiles([&] { model->backUpWith(true); }), 21);
+  EXPECT_EQ(backedUpFiles([&] { model->backUpWith(true, 2); }), 21);
   EXPECT_FALSE(loadSettings(layout).includeCaches);
   model->setIncludeCaches(true);
   EXPECT_EQ(backedUpFiles([&] { model->backUp(); }), 21);

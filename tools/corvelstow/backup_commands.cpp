@@ -20,17 +20,14 @@
 namespace corvelstow::cli {
 namespace {
 
-// Through the panel model, as "Back Up Now" does: its progress is the model's.
-void backup(const CommandContext& context, bool includeCachesFlag) {
+// Through the panel model, as "Back Up Now" does: its progress is the model's. Caches go in
+// when asked for here or by the saved option.
+void backup(const CommandContext& context, bool includeCachesFlag, unsigned threads) {
   ModelSession session(context.container());
   StowModel& model = session.model();
   ProgressPrinter progress("Backing up", context.progress);
   session.followWork(std::ref(progress));
-  if (includeCachesFlag) {
-    model.backUpWith(true);
-  } else {
-    model.backUp();
-  }
+  model.backUpWith(includeCachesFlag || model.settings().includeCaches, threads);
   session.finishWork();
   fs::path archive = *model.lastExport();
   if (context.json) {
@@ -135,8 +132,12 @@ void addBackupCommands(CLI::App& app, CommandList& commands) {
   auto includeCaches = std::make_shared<bool>(false);
   backupCommand->add_flag("--include-caches", *includeCaches,
                           "Include Library/Caches (otherwise the saved option decides)");
-  commands.push_back({backupCommand, [includeCaches](const CommandContext& context) {
-                        backup(context, *includeCaches);
+  auto threads = std::make_shared<unsigned>(platform::processorCount());
+  addThreadsOption(backupCommand, *threads,
+                   "Compress with N threads (default: one per processor); the archive is the "
+                   "same whatever N");
+  commands.push_back({backupCommand, [includeCaches, threads](const CommandContext& context) {
+                        backup(context, *includeCaches, *threads);
                       }});
 
   auto* inspectCommand = app.add_subcommand("inspect", "Show what a backup holds");
@@ -152,7 +153,7 @@ void addBackupCommands(CLI::App& app, CommandList& commands) {
   restoreCommand->add_option("file", *restoreArchive, "The backup (.corvelappdata)")->required();
   restoreCommand->add_option("--scope", *scope, "What to restore")
       ->check(CLI::IsMember({"everything", "documents", "settings"}));
-  auto restoreThreads = std::make_shared<unsigned>(stagingThreads());
+  auto restoreThreads = std::make_shared<unsigned>(platform::processorCount());
   addThreadsOption(restoreCommand, *restoreThreads,
                    "Unpack with N threads (default: one per processor); what is staged is the "
                    "same whatever N");

@@ -1,7 +1,9 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <thread>
 
 #include "base/files.h"
 #include "platform/platform.h"
@@ -28,6 +30,8 @@ std::string deviceName() {
   if (::gethostname(name, sizeof name - 1) != 0 || name[0] == '\0') return "Linux";
   return name;
 }
+
+unsigned processorCount() { return std::max(std::thread::hardware_concurrency(), 1u); }
 
 fs::path temporaryFolder() { return environment("TMPDIR").value_or("/tmp"); }
 
