@@ -224,7 +224,11 @@ void StowModel::backUpWith(bool includeCaches, unsigned threads,
 }
 
 void StowModel::chooseBackup(const std::filesystem::path& archive, bool pickedCopy) {
-  if (!work_.isIdle()) return;
+  if (!work_.isIdle()) {
+    // Nothing will preview this copy: without its preview nothing would ever remove it.
+    if (pickedCopy) files::removeAll(archive);
+    return;
+  }
   publish(errorText_, std::optional<std::string>(), Field::errorText);
   runInBackground([archive, pickedCopy]() -> Continuation {
     StowManifest manifest;

@@ -236,6 +236,9 @@ TEST_F(ModelTest, APickedCopyGoesWhenItsPreviewEndsAndTheUsersOwnFileStays) {
   const fs::path staged = picked("staged.corvelappdata");
   choose(staged, true);
   model->prepareRestore();
+  const fs::path pickedWhileBusy = picked("busy.corvelappdata");
+  model->chooseBackup(pickedWhileBusy, true);  // refused while the restore is prepared
+  EXPECT_FALSE(fs::exists(pickedWhileBusy));
   dispatcher.settle();
   EXPECT_TRUE(model->pending());
   EXPECT_FALSE(fs::exists(staged));
