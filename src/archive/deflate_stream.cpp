@@ -112,7 +112,9 @@ namespace {
 
 constexpr std::size_t kWindowSize = 32768;  // the farthest back a DEFLATE match reaches
 constexpr std::size_t kSampleSize = 1024;
-constexpr std::size_t kProbeStride = 256 << 10;  // one sample for each stretch of this length
+// One sample for each stretch this long, so that any run of repeats longer than a window and a
+// sample holds one.
+constexpr std::size_t kProbeStride = kWindowSize;
 
 // Order-0 entropy of the bytes: about 8 bits for random data and compressed formats, well under
 // 7 for text, databases and most binaries. Small pieces cost little to compress anyway.

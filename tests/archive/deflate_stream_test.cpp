@@ -26,6 +26,8 @@ TEST(DeflateStreamTest, RoundTripsPiecesCompressedApartAndJoined) {
   EXPECT_TRUE(probe.worthCompressing(noise.substr(0, 1000)));  // too little to judge
   EXPECT_TRUE(probe.worthCompressing(repeats));
   EXPECT_TRUE(probe.worthCompressing(noise + repeats + testing::randomBytes(300000, 3)));
+  // A writer's block of 128 KiB whose repeats end where fresh noise fills its last 32 KiB.
+  EXPECT_TRUE(probe.worthCompressing(repeats.substr(0, 98304) + noise.substr(0, 32768)));
   EXPECT_FALSE(probe.worthCompressing(noise.substr(0, 20000)));
 
   const std::vector<std::string> inputs[] = {
