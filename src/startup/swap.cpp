@@ -19,6 +19,8 @@ namespace corvelstow {
 namespace {
 
 constexpr std::string_view kPlistExtension = ".plist";
+// In Previous: what the next undo leaves live (StowKeptLive).
+constexpr std::string_view kKeptRecordName = "kept.json";
 
 bool isPlistName(const std::string& name) {
   return name.size() > kPlistExtension.size() &&
@@ -104,15 +106,19 @@ std::set<std::string> libraryExclusions(const fs::path& sourceLibrary) {
   return excluded;
 }
 
-// Moves every entry of `live` not named in `excluded` into `aside`. An entry that cannot be
-// moved stays live. Running it again after an interruption moves what is left.
-void moveAside(const fs::path& live, const fs::path& aside, const std::set<std::string>& excluded,
-               std::vector<std::string>& failures) {
+// Moves every entry of the live folder `part` ("Documents" or "Library") into the same folder of
+// the aside folder, but those named in `excluded` and those the swap keeps live. An entry that
+// cannot be moved stays live, and is kept so. Running it again after an interruption moves what
+// is left.
+void moveAside(Swap& swap, const std::string& part, const std::set<std::string>& excluded) {
+  const fs::path live = swap.layout.home / part, aside = swap.layout.previousNew / part;
   files::createFolders(live);
   for (const auto& name : files::listNames(live)) {
-    if (excluded.count(name)) continue;
+    const std::string entry = part + "/" + name;
+    if (excluded.count(name) || contains(swap.journal.keptEntries, entry)) continue;
     if (!files::moveNoReplace(files::join(live, name), files::join(aside, name))) {
-      failures.push_back("Could not move aside " + name);
+      swap.failures().push_back("Could not move aside " + name);
+      swap.journal.keptEntries.push_back(entry);
     }
   }
 }
@@ -142,10 +148,10 @@ void setSettingsAside(Swap& swap) {
   std::set<std::string> targets;
   for (const auto& name : plistNames(source)) targets.insert(swap.targetName(domainOf(name)));
 
-  swap.journal.keptDomains.clear();
   platform::PreferencesStore store(swap.layout.preferences);
   for (const auto& name : plistNames(swap.layout.preferences)) {
     std::string domain = domainOf(name);
+    if (contains(swap.journal.keptDomains, domain)) continue;
     bool copied = true;  // a domain the store does not have needs no copy
     if (auto values = store.domain(domain)) {
       auto encoded = platform::encodeBinaryPropertyList(PlistValue{*values});
@@ -183,9 +189,14 @@ void installSettings(Swap& swap) {
 // Previous is replaced only once its successor is whole: the old one steps aside as
 // Previous-old (removed with the staging), then the aside folder becomes Previous, then
 // previous.json describes it. Each part is skipped when an interrupted run already did it.
+// What the restore kept live goes with it, so that its undo leaves that live too.
 bool keepReplaced(Swap& swap) {
   const StowLayout& layout = swap.layout;
   if (files::exists(layout.previousNew)) {
+    const StowKeptLive kept{swap.journal.keptEntries, swap.journal.keptDomains};
+    if (kept != StowKeptLive{} && !writeRecord(kept, layout.previousNew / kKeptRecordName)) {
+      return false;
+    }
     if (files::exists(layout.previous)) {
       files::removeAll(layout.previousOld);
       if (!files::moveNoReplace(layout.previous, layout.previousOld)) return false;
@@ -227,14 +238,22 @@ StowOutcome outcomeFor(const StowStagedRestore& record, std::string message, boo
   return outcome;
 }
 
+// What an undo could not put back stays in Previous, and previous.json with it, so that the
+// user can undo again: that undo swaps just what Previous still holds. False when that cannot
+// be recorded: an undo of the whole scope would then set aside what this one put back.
+bool keepForAnotherUndo(const Swap& swap) {
+  return writeRecord(StowKeptLive{{}, {}, true}, swap.layout.previous / kKeptRecordName);
+}
+
 bool finish(Swap& swap) {
   const StowLayout& layout = swap.layout;
   if (swap.restores() && !keepReplaced(swap)) return false;
 
   bool succeeded = swap.failures().empty();
+  bool canUndo = swap.restores() || (!succeeded && keepForAnotherUndo(swap));
   std::string message = swapMessage(swap.record(), swap.failures());
   if (!swap.restores() && succeeded) message = "Put back the data from before the restore.";
-  writeRecord(outcomeFor(swap.record(), message, succeeded, swap.restores()), layout.outcomeRecord);
+  writeRecord(outcomeFor(swap.record(), message, succeeded, canUndo), layout.outcomeRecord);
 
   // A restore that failed half-way is not retried at the next launch.
   if (swap.restores()) {
@@ -242,11 +261,12 @@ bool finish(Swap& swap) {
     files::removeAll(layout.previousOld);
     return true;
   }
-  // An undo discards the restored data it moved aside. What it could not put back stays in
-  // Previous; previous.json goes, since a second undo would set aside what this one put back.
+  // An undo discards the restored data it moved aside. Previous stays while it holds anything.
   files::removeAll(layout.previousNew);
-  if (succeeded) files::removeAll(layout.previous);
-  ::unlink(layout.previousRecord.c_str());
+  if (!canUndo) {
+    if (succeeded) files::removeAll(layout.previous);
+    ::unlink(layout.previousRecord.c_str());
+  }
   return true;
 }
 
@@ -254,17 +274,15 @@ bool finish(Swap& swap) {
 
 bool runStep(Swap& swap, StowSwapStep step) {
   const StowLayout& layout = swap.layout;
-  const fs::path aside = layout.previousNew;
   switch (step) {
     case StowSwapStep::documentsAside:
-      moveAside(layout.documents, aside / "Documents", {}, swap.failures());
+      moveAside(swap, "Documents", {});
       return true;
     case StowSwapStep::documentsIn:
       putBack(swap.source() / "Documents", layout.documents, {}, swap.failures());
       return true;
     case StowSwapStep::libraryAside:
-      moveAside(layout.library, aside / "Library", libraryExclusions(swap.source() / "Library"),
-                swap.failures());
+      moveAside(swap, "Library", libraryExclusions(swap.source() / "Library"));
       return true;
     case StowSwapStep::libraryIn:
       putBack(swap.source() / "Library", layout.library,
@@ -376,6 +394,38 @@ std::optional<std::string> prepare(Swap& swap) {
   return reason;
 }
 
+// The names of `folder` that `other` does not hold.
+std::vector<std::string> namesMissingFrom(const fs::path& folder, const fs::path& other) {
+  std::vector<std::string> names;
+  for (auto& name : files::listNames(folder)) {
+    if (!files::exists(files::join(other, name))) names.push_back(std::move(name));
+  }
+  return names;
+}
+
+// An undo leaves live what the restore it undoes kept live, or, after an undo that could not
+// put everything back, all that Previous does not hold: what that undo put back, what it kept,
+// what the app has written since.
+void keepLiveWhatTheRestoreKept(Swap& swap) {
+  const StowLayout& layout = swap.layout;
+  auto kept = readRecord<StowKeptLive>(layout.previous / kKeptRecordName);
+  if (!kept) return;
+  if (!kept->allButPrevious) {
+    swap.journal.keptEntries = std::move(kept->entries);
+    swap.journal.keptDomains = std::move(kept->domains);
+    return;
+  }
+  for (const std::string part : {"Documents", "Library"}) {
+    for (const auto& name : namesMissingFrom(layout.home / part, layout.previous / part)) {
+      swap.journal.keptEntries.push_back(part + "/" + name);
+    }
+  }
+  for (const auto& name :
+       namesMissingFrom(layout.preferences, layout.previous / "Library" / "Preferences")) {
+    if (isPlistName(name)) swap.journal.keptDomains.push_back(domainOf(name));
+  }
+}
+
 StowSwapStep firstStep(StowRestoreScope scope) {
   for (StowSwapStep step : kSteps) {
     if (appliesTo(step, scope)) return step;
@@ -388,7 +438,8 @@ StowSwapStep firstStep(StowRestoreScope scope) {
 bool performSwap(const StowLayout& layout, const std::string& hostBundleID, StowSwapKind kind,
                  const StowStagedRestore& record) {
   try {
-    Swap swap{layout, hostBundleID, {kind, record, firstStep(record.scope), {}, {}}};
+    Swap swap{layout, hostBundleID, {kind, record, firstStep(record.scope), {}, {}, {}}};
+    if (kind == StowSwapKind::undo) keepLiveWhatTheRestoreKept(swap);
     if (auto reason = prepare(swap)) {
       bool canUndo = readRecord<StowStagedRestore>(layout.previousRecord).has_value();
       writeRecord(outcomeFor(record, *reason, false, canUndo), layout.outcomeRecord);

@@ -1,5 +1,6 @@
 #include "store/records.h"
 
+#include <charconv>
 #include <limits>
 #include <nlohmann/json.hpp>
 
@@ -124,6 +125,37 @@ std::vector<std::string> readStrings(const json& value) {
   return strings;
 }
 
+// File names need not be UTF-8, and one written with U+FFFD would name another file: they are
+// written as the hexadecimal digits of their bytes.
+json namesJson(const std::vector<std::string>& names) {
+  json array = json::array();
+  for (const std::string& name : names) {
+    std::string digits;
+    for (unsigned char byte : name) {
+      digits += "0123456789abcdef"[byte >> 4];
+      digits += "0123456789abcdef"[byte & 15];
+    }
+    array.push_back(std::move(digits));
+  }
+  return array;
+}
+
+std::vector<std::string> readNames(const json& value) {
+  std::vector<std::string> names;
+  for (const std::string& digits : readStrings(value)) {
+    if (digits.size() % 2) throw Mismatch{};
+    std::string name;
+    for (std::size_t i = 0; i < digits.size(); i += 2) {
+      unsigned byte = 0;
+      auto [end, error] = std::from_chars(digits.data() + i, digits.data() + i + 2, byte, 16);
+      if (error != std::errc() || end != digits.data() + i + 2) throw Mismatch{};
+      name += static_cast<char>(byte);
+    }
+    names.push_back(std::move(name));
+  }
+  return names;
+}
+
 const json& requireObject(const json& value) {
   if (!value.is_object()) throw Mismatch{};
   return value;
@@ -177,7 +209,15 @@ void read(const json& object, StowSwapJournal& j) {
   read(field(object, "record"), j.record);
   j.step = readName(field(object, "step"), kStepNames);
   j.failures = readStrings(field(object, "failures"));
+  j.keptEntries = readNames(field(object, "keptEntries"));
   j.keptDomains = readStrings(field(object, "keptDomains"));
+}
+
+void read(const json& object, StowKeptLive& k) {
+  requireObject(object);
+  k.entries = readNames(field(object, "entries"));
+  k.domains = readStrings(field(object, "domains"));
+  k.allButPrevious = readBool(field(object, "allButPrevious"));
 }
 
 void read(const json& object, StowOutcome& o) {
@@ -232,11 +272,15 @@ json toJson(const StowOutcome& o) {
 }
 
 json toJson(const StowSwapJournal& j) {
-  return {{"kind", nameOf(j.kind, kKindNames)},
-          {"record", toJson(j.record)},
-          {"step", nameOf(j.step, kStepNames)},
-          {"failures", j.failures},
-          {"keptDomains", j.keptDomains}};
+  return {{"kind", nameOf(j.kind, kKindNames)},      {"record", toJson(j.record)},
+          {"step", nameOf(j.step, kStepNames)},      {"failures", j.failures},
+          {"keptEntries", namesJson(j.keptEntries)}, {"keptDomains", j.keptDomains}};
+}
+
+json toJson(const StowKeptLive& k) {
+  return {{"entries", namesJson(k.entries)},
+          {"domains", k.domains},
+          {"allButPrevious", k.allButPrevious}};
 }
 
 // nlohmann::json keeps object keys in a std::map, so dump() writes them sorted. A name that is
@@ -266,11 +310,13 @@ template std::string encodeRecord(const StowSettings&);
 template std::string encodeRecord(const StowStagedRestore&);
 template std::string encodeRecord(const StowOutcome&);
 template std::string encodeRecord(const StowSwapJournal&);
+template std::string encodeRecord(const StowKeptLive&);
 template std::optional<StowManifest> decodeRecord(std::string_view);
 template std::optional<StowSettings> decodeRecord(std::string_view);
 template std::optional<StowStagedRestore> decodeRecord(std::string_view);
 template std::optional<StowOutcome> decodeRecord(std::string_view);
 template std::optional<StowSwapJournal> decodeRecord(std::string_view);
+template std::optional<StowKeptLive> decodeRecord(std::string_view);
 
 StowSettings loadSettings(const StowLayout& layout) {
   return readRecord<StowSettings>(layout.settingsRecord).value_or(StowSettings{});

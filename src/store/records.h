@@ -96,10 +96,24 @@ struct StowSwapJournal {
   StowSwapKind kind = StowSwapKind::restore;
   StowStagedRestore record;  ///< the record being applied (staged.json or previous.json)
   StowSwapStep step = StowSwapStep::documentsAside;
-  std::vector<std::string> failures;     ///< the failure texts of the steps before `step`
-  std::vector<std::string> keptDomains;  ///< settings domains that could not be set aside
+  std::vector<std::string> failures;  ///< the failure texts of the steps before `step`
+  /// What the swap leaves live: what it could not set aside and, for an undo, what the restore
+  /// before it left live (see StowKeptLive). Entries are "Documents/NAME" or "Library/NAME".
+  std::vector<std::string> keptEntries;
+  std::vector<std::string> keptDomains;  ///< settings domains, likewise
 
   bool operator==(const StowSwapJournal&) const = default;
+};
+
+/// What the next undo leaves live (kept.json in Previous): the entries and settings domains the
+/// restore could not set aside, which are still the user's own; or, once an undo could not put
+/// everything back, everything but what Previous still holds.
+struct StowKeptLive {
+  std::vector<std::string> entries;  ///< "Documents/NAME" or "Library/NAME"
+  std::vector<std::string> domains;
+  bool allButPrevious = false;
+
+  bool operator==(const StowKeptLive&) const = default;
 };
 
 /// A record as a JSON object: keys are the field names, absent optionals are left out,
@@ -109,6 +123,7 @@ nlohmann::json toJson(const StowSettings& settings);
 nlohmann::json toJson(const StowStagedRestore& restore);
 nlohmann::json toJson(const StowOutcome& outcome);
 nlohmann::json toJson(const StowSwapJournal& journal);
+nlohmann::json toJson(const StowKeptLive& kept);
 
 /// The one encoding of a record: keys sorted, pretty-printed; equal records give equal bytes.
 /// Text that is not valid UTF-8 is encoded with U+FFFD in place of each invalid sequence.

@@ -152,6 +152,52 @@ TEST_F(LaunchTest, UndoPutsTheDataBackAtTheNextLaunch) {
   EXPECT_FALSE(outcome());
 }
 
+// What a restore could not set aside stays live as the user's own, and its undo leaves it so.
+// An undo that could not put everything back keeps the rest, and previous.json, for another
+// undo, which puts back just that: what the app wrote in between stays.
+TEST_F(LaunchTest, NoUndoDiscardsWhatARestoreOrAnUndoCouldNotMove) {
+  const Tree documents = readTree(layout.documents);
+  stage(StowRestoreScope::everything);
+  ASSERT_EQ(launch({{"LD_PRELOAD", CORVELSTOW_RENAME_FAULT},
+                    {"CORVELSTOW_FAIL_RENAMES",
+                     "old.txt,Previous-new/Library/Preferences/com.live.only.plist"}})
+                .exitCode,
+            0);
+  EXPECT_EQ(outcome()->message,
+            "Could not move aside old.txt. Could not move aside com.live.only.plist");
+  EXPECT_TRUE(outcome()->canUndo);
+  testing::writeFile(layout.documents / "old.txt", "newer old");
+  writeDomain(layout.preferences / "com.live.only.plist", domain("k", "newer"));
+  ASSERT_EQ(testing::runCommand({"--home", layout.home.string(), "undo"}).exitCode, 0);
+  ASSERT_EQ(launch().exitCode, 0);
+  Tree expected = documents;
+  expected["old.txt"] = "newer old";
+  EXPECT_EQ(readTree(layout.documents), expected);
+  EXPECT_EQ(domainIn(layout.preferences / "com.live.only.plist"), domain("k", "newer"));
+  EXPECT_EQ(domainIn(layout.preferences / "com.example.notes.plist"), domain("theme", "live"));
+  EXPECT_EQ(outcome()->message, "Put back the data from before the restore.");
+
+  stage(StowRestoreScope::everything);
+  ASSERT_EQ(launch().exitCode, 0);
+  ASSERT_EQ(testing::runCommand({"--home", layout.home.string(), "undo"}).exitCode, 0);
+  ASSERT_EQ(launch({{"LD_PRELOAD", CORVELSTOW_RENAME_FAULT},
+                    {"CORVELSTOW_FAIL_RENAMES", "Documents/a.txt"}})
+                .exitCode,
+            0);
+  EXPECT_EQ(outcome()->message, "Could not move aside a.txt. Could not put back a.txt");
+  EXPECT_TRUE(outcome()->canUndo);
+  EXPECT_EQ(readFile(layout.previous / "Documents/a.txt"), "live a");
+  testing::writeFile(layout.documents / "later.txt", "written after the undo");
+  ASSERT_EQ(testing::runCommand({"--home", layout.home.string(), "undo"}).exitCode, 0);
+  ASSERT_EQ(launch().exitCode, 0);
+  expected["later.txt"] = "written after the undo";
+  EXPECT_EQ(readTree(layout.documents), expected);
+  EXPECT_EQ(readFile(layout.library / "Application Support/db"), "live db");
+  EXPECT_EQ(outcome()->message, "Put back the data from before the restore.");
+  EXPECT_FALSE(fs::exists(layout.previous));
+  EXPECT_FALSE(fs::exists(layout.previousRecord));
+}
+
 TEST_F(LaunchTest, UndoRunsBeforeANewlyStagedRestore) {
   stage(StowRestoreScope::everything);
   ASSERT_EQ(launch().exitCode, 0);
@@ -367,6 +413,11 @@ TEST_F(LaunchTest, AFailureNamingAFileThatIsNotUtf8IsRecordedOnce) {
   ASSERT_EQ(launch().exitCode, 0);
   EXPECT_EQ(readTree(layout.documents), documents);
   EXPECT_EQ(readFile(layout.documents / name), "live caf\xc3\xa9");
+  // The undo knows it by its bytes, not by the text with U+FFFD, and leaves it live.
+  ASSERT_EQ(testing::runCommand({"--home", layout.home.string(), "undo"}).exitCode, 0);
+  ASSERT_EQ(launch().exitCode, 0);
+  EXPECT_EQ(readFile(layout.documents / name), "live caf\xc3\xa9");
+  EXPECT_EQ(readFile(layout.documents / "old.txt"), "live old");
 }
 
 // Two launches at once: the second waits for the first, or leaves the work to it when it takes
