@@ -6,8 +6,8 @@
 Runs every archive of tests/archive/hostile, and a backup made here whose 1 GiB entry of zeros
 (about 1 MB deflated, with the right CRC) is declared as 1,000 bytes, through `corvelstow
 verify` and `corvelstow restore` (into a fresh container in a temporary folder), and, with
---fuzzer, through the given fuzz target once (build it without sanitizers to measure the
-reader rather than their shadow memory). Each run is under /usr/bin/time for its wall time and
+--fuzzer, through the given fuzz target once (build it without sanitizers, with the fuzz preset
+and -DCORVELSTOW_FUZZ_SANITIZERS=OFF, to measure the reader rather than their shadow memory). Each run is under /usr/bin/time for its wall time and
 peak resident memory; a peak over the limit (default 32 MiB) is marked and fails the run.
 """
 import argparse
