@@ -223,7 +223,8 @@ class StowModel : public std::enable_shared_from_this<StowModel> {
   /// to everything), errorText on failure. Nothing while work runs. A `pickedCopy` is the
   /// document picker's copy of the user's file, made for the app in its temporary folder: it
   /// is removed as soon as it is of no more use (chosen while work runs, not a backup; or its
-  /// preview cancelled, replaced by another, or staged), so that no picked backup stays behind at full size.
+  /// preview cancelled, replaced by another, or staged), so that no picked backup stays behind
+  /// at full size.
   void chooseBackup(const std::filesystem::path& archive, bool pickedCopy = false);
 
   void setScope(StowRestoreScope scope);
