@@ -152,10 +152,13 @@ void setSettingsAside(Swap& swap) {
   for (const auto& name : plistNames(swap.layout.preferences)) {
     std::string domain = domainOf(name);
     if (contains(swap.journal.keptDomains, domain)) continue;
-    bool copied = true;  // a domain the store does not have needs no copy
+    bool copied = false;
     if (auto values = store.domain(domain)) {
       auto encoded = platform::encodeBinaryPropertyList(PlistValue{*values});
       copied = encoded && files::writeAtomically(files::join(aside, name), *encoded);
+    } else {
+      // A file the store cannot read is still the user's: it stays, as one not copied does.
+      copied = !files::exists(files::join(swap.layout.preferences, name));
     }
     if (!copied) {
       swap.failures().push_back("Could not move aside " + name);

@@ -157,6 +157,7 @@ TEST_F(LaunchTest, UndoPutsTheDataBackAtTheNextLaunch) {
 // undo, which puts back just that: what the app wrote in between stays.
 TEST_F(LaunchTest, NoUndoDiscardsWhatARestoreOrAnUndoCouldNotMove) {
   const Tree documents = readTree(layout.documents);
+  testing::writeFile(layout.preferences / "com.broken.plist", "not a property list");
   stage(StowRestoreScope::everything);
   ASSERT_EQ(launch({{"LD_PRELOAD", CORVELSTOW_RENAME_FAULT},
                     {"CORVELSTOW_FAIL_RENAMES",
@@ -164,7 +165,8 @@ TEST_F(LaunchTest, NoUndoDiscardsWhatARestoreOrAnUndoCouldNotMove) {
                 .exitCode,
             0);
   EXPECT_EQ(outcome()->message,
-            "Could not move aside old.txt. Could not move aside com.live.only.plist");
+            "Could not move aside old.txt. Could not move aside com.broken.plist. Could not move "
+            "aside com.live.only.plist");
   EXPECT_TRUE(outcome()->canUndo);
   testing::writeFile(layout.documents / "old.txt", "newer old");
   writeDomain(layout.preferences / "com.live.only.plist", domain("k", "newer"));
@@ -175,7 +177,9 @@ TEST_F(LaunchTest, NoUndoDiscardsWhatARestoreOrAnUndoCouldNotMove) {
   EXPECT_EQ(readTree(layout.documents), expected);
   EXPECT_EQ(domainIn(layout.preferences / "com.live.only.plist"), domain("k", "newer"));
   EXPECT_EQ(domainIn(layout.preferences / "com.example.notes.plist"), domain("theme", "live"));
+  EXPECT_EQ(readFile(layout.preferences / "com.broken.plist"), "not a property list");
   EXPECT_EQ(outcome()->message, "Put back the data from before the restore.");
+  fs::remove(layout.preferences / "com.broken.plist");
 
   stage(StowRestoreScope::everything);
   ASSERT_EQ(launch().exitCode, 0);
