@@ -36,8 +36,7 @@ void clearStaging(const StowLayout& layout) {
   files::removeAll(layout.staged);
 }
 
-void runLaunchTimeWork(const StowLayout& layout,
-                       const std::function<std::string()>& hostBundleIDOf) {
+void runLaunchTimeWork(const StowLayout& layout) {
   // Nothing to do is the common case: three lookups, and no file is made.
   if (!hasLaunchTimeWork(layout)) return;
   // Loaded before the device's first unlock (prewarmed), the app cannot read its files yet:
@@ -47,7 +46,7 @@ void runLaunchTimeWork(const StowLayout& layout,
   if (!lock) return;
   files::removeUnfinishedWrites(layout.workFolder);  // records whose writer was killed
   // Read only now: the bundle's property list and profile cost more than the lookups above.
-  const std::string hostBundleID = hostBundleIDOf();
+  const std::string& hostBundleID = StowHostApp::shared().bundleID;
 
   // A swap cut short is finished first: it began before anything else that is waiting.
   if (files::exists(layout.swapJournal) && !resumeSwap(layout, hostBundleID)) return;
@@ -64,7 +63,7 @@ void corvelStowStart() {
     // Without a container the library does nothing at all, so that one loaded by accident
     // never touches anybody's files.
     if (platform::containerFolder()) {
-      runLaunchTimeWork(StowLayout::shared(), [] { return StowHostApp::shared().bundleID; });
+      runLaunchTimeWork(StowLayout::shared());
     }
   } catch (...) {
     // Nothing may stop the host app from starting.

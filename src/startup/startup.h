@@ -1,6 +1,5 @@
 #pragma once
 
-#include <functional>
 #include <string>
 
 #include "store/layout.h"
@@ -13,8 +12,9 @@ namespace corvelstow {
 /// Never throws. A staged.json that does not decode is left untouched, with its Staged folder,
 /// to be tried again at the next launch. Nothing at all is done while data protection keeps
 /// swap.json, undo.request or staged.json from being read (platform::dataLocked): the work
-/// waits for a launch that can read them. `hostBundleID` is asked only when there is work.
-void runLaunchTimeWork(const StowLayout& layout, const std::function<std::string()>& hostBundleID);
+/// waits for a launch that can read them. The app's identity (StowHostApp) is read only when
+/// there is work.
+void runLaunchTimeWork(const StowLayout& layout);
 
 /// Removes staged.json, then the Staged folder; failures are ignored.
 void clearStaging(const StowLayout& layout);

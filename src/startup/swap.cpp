@@ -115,10 +115,10 @@ void moveAside(Swap& swap, const std::string& part, const std::set<std::string>&
   files::createFolders(live);
   for (const auto& name : files::listNames(live)) {
     const std::string entry = part + "/" + name;
-    if (excluded.count(name) || contains(swap.journal.keptEntries, entry)) continue;
+    if (excluded.count(name) || contains(swap.journal.kept.entries, entry)) continue;
     if (!files::moveNoReplace(files::join(live, name), files::join(aside, name))) {
       swap.failures().push_back("Could not move aside " + name);
-      swap.journal.keptEntries.push_back(entry);
+      swap.journal.kept.entries.push_back(entry);
     }
   }
 }
@@ -151,7 +151,7 @@ void setSettingsAside(Swap& swap) {
   platform::PreferencesStore store(swap.layout.preferences);
   for (const auto& name : plistNames(swap.layout.preferences)) {
     std::string domain = domainOf(name);
-    if (contains(swap.journal.keptDomains, domain)) continue;
+    if (contains(swap.journal.kept.domains, domain)) continue;
     bool copied = false;
     if (auto values = store.domain(domain)) {
       auto encoded = platform::encodeBinaryPropertyList(PlistValue{*values});
@@ -162,7 +162,7 @@ void setSettingsAside(Swap& swap) {
     }
     if (!copied) {
       swap.failures().push_back("Could not move aside " + name);
-      swap.journal.keptDomains.push_back(domain);
+      swap.journal.kept.domains.push_back(domain);
     } else if (!targets.count(domain)) {
       store.removeDomain(domain);
     }
@@ -175,7 +175,7 @@ void installSettings(Swap& swap) {
   platform::PreferencesStore store(swap.layout.preferences);
   for (const auto& name : plistNames(source)) {
     std::string target = swap.targetName(domainOf(name));
-    if (contains(swap.journal.keptDomains, target)) {
+    if (contains(swap.journal.kept.domains, target)) {
       swap.failures().push_back("Could not put back " + name);
       continue;
     }
@@ -196,7 +196,7 @@ void installSettings(Swap& swap) {
 bool keepReplaced(Swap& swap) {
   const StowLayout& layout = swap.layout;
   if (files::exists(layout.previousNew)) {
-    const StowKeptLive kept{swap.journal.keptEntries, swap.journal.keptDomains};
+    const StowKeptLive& kept = swap.journal.kept;
     if (kept != StowKeptLive{} && !writeRecord(kept, layout.previousNew / kKeptRecordName)) {
       return false;
     }
@@ -414,18 +414,17 @@ void keepLiveWhatTheRestoreKept(Swap& swap) {
   auto kept = readRecord<StowKeptLive>(layout.previous / kKeptRecordName);
   if (!kept) return;
   if (!kept->allButPrevious) {
-    swap.journal.keptEntries = std::move(kept->entries);
-    swap.journal.keptDomains = std::move(kept->domains);
+    swap.journal.kept = std::move(*kept);
     return;
   }
   for (const std::string part : {"Documents", "Library"}) {
     for (const auto& name : namesMissingFrom(layout.home / part, layout.previous / part)) {
-      swap.journal.keptEntries.push_back(part + "/" + name);
+      swap.journal.kept.entries.push_back(part + "/" + name);
     }
   }
   for (const auto& name :
        namesMissingFrom(layout.preferences, layout.previous / "Library" / "Preferences")) {
-    if (isPlistName(name)) swap.journal.keptDomains.push_back(domainOf(name));
+    if (isPlistName(name)) swap.journal.kept.domains.push_back(domainOf(name));
   }
 }
 
@@ -441,7 +440,7 @@ StowSwapStep firstStep(StowRestoreScope scope) {
 bool performSwap(const StowLayout& layout, const std::string& hostBundleID, StowSwapKind kind,
                  const StowStagedRestore& record) {
   try {
-    Swap swap{layout, hostBundleID, {kind, record, firstStep(record.scope), {}, {}, {}}};
+    Swap swap{layout, hostBundleID, {kind, record, firstStep(record.scope), {}, {}}};
     if (kind == StowSwapKind::undo) keepLiveWhatTheRestoreKept(swap);
     if (auto reason = prepare(swap)) {
       bool canUndo = readRecord<StowStagedRestore>(layout.previousRecord).has_value();

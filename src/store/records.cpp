@@ -203,21 +203,20 @@ Enum readName(const json& value, const std::pair<Enum, std::string_view> (&names
   throw Mismatch{};
 }
 
+void read(const json& object, StowKeptLive& k) {
+  requireObject(object);
+  k.entries = readNames(field(object, "entries"));
+  k.domains = readStrings(field(object, "domains"));
+  k.allButPrevious = readBool(field(object, "allButPrevious"));
+}
+
 void read(const json& object, StowSwapJournal& j) {
   requireObject(object);
   j.kind = readName(field(object, "kind"), kKindNames);
   read(field(object, "record"), j.record);
   j.step = readName(field(object, "step"), kStepNames);
   j.failures = readStrings(field(object, "failures"));
-  j.keptEntries = readNames(field(object, "keptEntries"));
-  j.keptDomains = readStrings(field(object, "keptDomains"));
-}
-
-void read(const json& object, StowKeptLive& k) {
-  requireObject(object);
-  k.entries = readNames(field(object, "entries"));
-  k.domains = readStrings(field(object, "domains"));
-  k.allButPrevious = readBool(field(object, "allButPrevious"));
+  read(field(object, "kept"), j.kept);
 }
 
 void read(const json& object, StowOutcome& o) {
@@ -271,16 +270,18 @@ json toJson(const StowOutcome& o) {
           {"announced", o.announced}};
 }
 
-json toJson(const StowSwapJournal& j) {
-  return {{"kind", nameOf(j.kind, kKindNames)},      {"record", toJson(j.record)},
-          {"step", nameOf(j.step, kStepNames)},      {"failures", j.failures},
-          {"keptEntries", namesJson(j.keptEntries)}, {"keptDomains", j.keptDomains}};
-}
-
 json toJson(const StowKeptLive& k) {
   return {{"entries", namesJson(k.entries)},
           {"domains", k.domains},
           {"allButPrevious", k.allButPrevious}};
+}
+
+json toJson(const StowSwapJournal& j) {
+  return {{"kind", nameOf(j.kind, kKindNames)},
+          {"record", toJson(j.record)},
+          {"step", nameOf(j.step, kStepNames)},
+          {"failures", j.failures},
+          {"kept", toJson(j.kept)}};
 }
 
 // nlohmann::json keeps object keys in a std::map, so dump() writes them sorted. A name that is

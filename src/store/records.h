@@ -90,24 +90,9 @@ enum class StowSwapStep {
   finish,  ///< keep what was replaced, write the outcome, clear the source
 };
 
-/// The journal of a swap under way (swap.json): what it applies and how far it has come, so
-/// that a launch that finds it finishes the swap instead of starting it again.
-struct StowSwapJournal {
-  StowSwapKind kind = StowSwapKind::restore;
-  StowStagedRestore record;  ///< the record being applied (staged.json or previous.json)
-  StowSwapStep step = StowSwapStep::documentsAside;
-  std::vector<std::string> failures;  ///< the failure texts of the steps before `step`
-  /// What the swap leaves live: what it could not set aside and, for an undo, what the restore
-  /// before it left live (see StowKeptLive). Entries are "Documents/NAME" or "Library/NAME".
-  std::vector<std::string> keptEntries;
-  std::vector<std::string> keptDomains;  ///< settings domains, likewise
-
-  bool operator==(const StowSwapJournal&) const = default;
-};
-
-/// What the next undo leaves live (kept.json in Previous): the entries and settings domains the
-/// restore could not set aside, which are still the user's own; or, once an undo could not put
-/// everything back, everything but what Previous still holds.
+/// What a swap leaves live (kept.json in Previous, for the undo after a restore): the entries
+/// and settings domains the restore could not set aside, which are still the user's own; or,
+/// once an undo could not put everything back, everything but what Previous still holds.
 struct StowKeptLive {
   std::vector<std::string> entries;  ///< "Documents/NAME" or "Library/NAME"
   std::vector<std::string> domains;
@@ -116,14 +101,28 @@ struct StowKeptLive {
   bool operator==(const StowKeptLive&) const = default;
 };
 
+/// The journal of a swap under way (swap.json): what it applies and how far it has come, so
+/// that a launch that finds it finishes the swap instead of starting it again.
+struct StowSwapJournal {
+  StowSwapKind kind = StowSwapKind::restore;
+  StowStagedRestore record;  ///< the record being applied (staged.json or previous.json)
+  StowSwapStep step = StowSwapStep::documentsAside;
+  std::vector<std::string> failures;  ///< the failure texts of the steps before `step`
+  /// What it leaves live: what it could not set aside and, for an undo, what the restore before
+  /// it left live (never `allButPrevious`: that is resolved into names as the undo starts).
+  StowKeptLive kept;
+
+  bool operator==(const StowSwapJournal&) const = default;
+};
+
 /// A record as a JSON object: keys are the field names, absent optionals are left out,
 /// dates are internet date-times.
 nlohmann::json toJson(const StowManifest& manifest);
 nlohmann::json toJson(const StowSettings& settings);
 nlohmann::json toJson(const StowStagedRestore& restore);
 nlohmann::json toJson(const StowOutcome& outcome);
-nlohmann::json toJson(const StowSwapJournal& journal);
 nlohmann::json toJson(const StowKeptLive& kept);
+nlohmann::json toJson(const StowSwapJournal& journal);
 
 /// The one encoding of a record: keys sorted, pretty-printed; equal records give equal bytes.
 /// Text that is not valid UTF-8 is encoded with U+FFFD in place of each invalid sequence.
