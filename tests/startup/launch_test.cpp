@@ -50,8 +50,13 @@ class LaunchScopeTest : public LaunchTest,
 
 TEST_P(LaunchScopeTest, AppliesTheStagedRestoreBeforeTheHostRuns) {
   const StowRestoreScope scope = GetParam();
+  const auto libraryOutsideTheWorkFolder = [&] {
+    Tree tree = readTree(layout.library);
+    std::erase_if(tree, [](const auto& entry) { return entry.first.starts_with("CorvelStow"); });
+    return tree;
+  };
+  const Tree library = libraryOutsideTheWorkFolder();
   stage(scope);
-  Tree library = readTree(layout.library / "Application Support");
 
   auto run = launch();
   ASSERT_EQ(run.exitCode, 0) << run.err;
@@ -68,6 +73,11 @@ TEST_P(LaunchScopeTest, AppliesTheStagedRestoreBeforeTheHostRuns) {
   EXPECT_EQ(domainIn(layout.preferences / "com.example.notes.plist"),
             domain("theme", settings ? "backup" : "live"));
   EXPECT_EQ(fs::exists(layout.preferences / "com.live.only.plist"), !settings);
+  // Each scope touches its part alone: the documents scope leaves Library whole.
+  if (scope == StowRestoreScope::documents) {
+    EXPECT_EQ(libraryOutsideTheWorkFolder(), library);
+    EXPECT_TRUE(readTree(layout.previous / "Library").empty());
+  }
 
   auto result = outcome();
   ASSERT_TRUE(result);

@@ -83,32 +83,6 @@ TEST_F(SwapTest, BackupCachesReplaceTheAppsCaches) {
   EXPECT_EQ(readFile(layout.previous / "Library/Caches/c.bin"), "live cache");
 }
 
-TEST_F(SwapTest, DocumentsAndSettingsScopesTouchOnlyTheirPart) {
-  auto libraryWithoutWorkFolder = [&] {
-    auto tree = readTree(layout.library);
-    std::erase_if(tree, [](const auto& entry) { return entry.first.rfind("CorvelStow", 0) == 0; });
-    return tree;
-  };
-  auto library = libraryWithoutWorkFolder();
-  stage(StowRestoreScope::documents);
-  EXPECT_EQ(swap().message, "Restored documents from Notes.");
-  EXPECT_EQ(readFile(layout.documents / "new.txt"), "backup new");
-  EXPECT_EQ(libraryWithoutWorkFolder(), library);  // Library, Preferences and all
-  EXPECT_EQ(readTree(layout.previous / "Library"), (std::map<std::string, std::string>{}));
-
-  auto documents = readTree(layout.documents);
-  fs::remove_all(layout.staged);
-  stage(StowRestoreScope::settings);
-  EXPECT_EQ(swap().message, "Restored settings from Notes.");
-  EXPECT_EQ(readTree(layout.documents), documents);
-  EXPECT_EQ(readFile(layout.library / "Application Support/db"), "live db");
-  EXPECT_EQ(domainIn(layout.preferences / "com.example.notes.plist"), domain("theme", "backup"));
-  EXPECT_FALSE(fs::exists(layout.preferences / "com.live.only.plist"));
-  EXPECT_EQ(domainIn(layout.previous / "Library/Preferences/com.live.only.plist"),
-            domain("k", "live only"));
-  EXPECT_FALSE(fs::exists(layout.previous / "Documents/a.txt"));
-}
-
 TEST_F(SwapTest, AnotherAppsDomainIsInstalledUnderThisAppsIdentifier) {
   stage(StowRestoreScope::settings, "com.other.app");
   swap();
