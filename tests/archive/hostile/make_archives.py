@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Writes the archives of this folder: small backups that are hostile, damaged or merely unusual,
 each kept for one way a reader can go wrong. The tests run every one of them through `corvelstow
-verify`, `cat` and `restore`; the fuzzer starts from them too.
+list`, `verify`, `cat` and `restore`; the fuzzer starts from them too.
 
     python3 tests/archive/hostile/make_archives.py [FOLDER]
 
