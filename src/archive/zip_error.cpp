@@ -19,6 +19,10 @@ StowZipError StowZipError::encrypted(std::string path) {
   return {Kind::encrypted, path + " is encrypted, which isn't supported."};
 }
 
+StowZipError StowZipError::wrongSize(std::string path) {
+  return {Kind::wrongSize, path + " is damaged: its size does not match what the archive says."};
+}
+
 StowZipError StowZipError::damaged(std::string path) {
   return {Kind::damaged, path + " is damaged: its checksum does not match."};
 }

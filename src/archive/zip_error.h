@@ -15,6 +15,7 @@ class StowZipError : public std::exception {
     tooLarge,
     unsupportedMethod,
     encrypted,
+    wrongSize,
     damaged,
     unsafePath,
     notAZip,
@@ -29,6 +30,9 @@ class StowZipError : public std::exception {
   static StowZipError unsupportedMethod(std::uint16_t method, std::string path);
   /// "{path} is encrypted, which isn't supported."
   static StowZipError encrypted(std::string path);
+  /// "{path} is damaged: its size does not match what the archive says." Its data ends short of
+  /// its declared size or goes past it, or does not fit where the archive places it.
+  static StowZipError wrongSize(std::string path);
   /// "{path} is damaged: its checksum does not match."
   static StowZipError damaged(std::string path);
   /// "The archive holds an unsafe path: {path}" (no final full stop).

@@ -312,8 +312,10 @@ std::optional<std::string_view> unicodePath(const CentralDirectoryHeader& header
     ByteCursor cursor(*field);
     const std::string_view version = cursor.getBytes(1);
     const std::uint32_t nameCrc = cursor.get32();
-    if (cursor.ok() && version[0] == 1 && nameCrc == crc.checksum() && cursor.remaining() > 0) {
-      return cursor.getBytes(cursor.remaining());
+    const std::string_view name = cursor.getBytes(cursor.remaining());
+    if (cursor.ok() && version[0] == 1 && nameCrc == crc.checksum() && !name.empty() &&
+        isUtf8(name)) {
+      return name;
     }
   }
   return {};

@@ -31,10 +31,20 @@ constexpr std::uint32_t fileAttributes(std::uint16_t permissions) {
 }
 
 /// Whether a central record's "version made by" names a host whose external attributes hold a
-/// Unix mode in their high half: Unix (3) or macOS (19).
+/// Unix mode in their high half: Unix (3) or macOS (19). Their names may hold a backslash as an
+/// ordinary character; elsewhere it may be a separator.
 constexpr bool madeOnUnix(std::uint16_t versionMadeBy) {
   return versionMadeBy >> 8 == 3 || versionMadeBy >> 8 == 19;
 }
+
+/// Whether a central record's "version made by" names a DOS or Windows file system (FAT, OS/2
+/// HPFS, NTFS under both numbers tools give it, VFAT), whose external attributes hold the MS-DOS
+/// attributes in their low byte.
+constexpr bool madeOnDos(std::uint16_t versionMadeBy) {
+  const int host = versionMadeBy >> 8;
+  return host == 0 || host == 6 || host == 10 || host == 11 || host == 14;
+}
+constexpr std::uint32_t kDosAttributeFolder = 0x10;
 
 constexpr std::uint16_t kZip64ExtraId = 0x0001;
 constexpr std::uint16_t kUnicodePathExtraId = 0x7075;  // Info-ZIP's UTF-8 copy of a name
@@ -184,7 +194,7 @@ EntryExtent entryExtent(const CentralDirectoryHeader& header);
 
 /// The UTF-8 name of a central record's Info-ZIP Unicode Path field, when it has one that is
 /// current: version 1, made for the record's name as it stands (the CRC-32 of the name matches),
-/// and not empty. The first such field counts.
+/// well-formed UTF-8 and not empty. The first such field counts.
 std::optional<std::string_view> unicodePath(const CentralDirectoryHeader& header);
 
 /// Whether `bytes` are well-formed UTF-8.

@@ -24,12 +24,42 @@ namespace fs = std::filesystem;
 constexpr std::size_t kPieceSize = 1 << 20;
 // The end record and the longest comment it can announce: the end record lies in these last bytes.
 constexpr std::size_t kTailSize = zip::EndOfCentralDirectory::kFixedSize + zip::kMaxCommentLength;
+// The end records tried, nearest the end of the file first: enough for an archive whose comment
+// holds a copy of its own, few enough that many signatures in a comment cost little.
+constexpr std::size_t kEndRecordsTried = 4;
+// The most bytes DEFLATE gives for one: a match of 258 bytes in two bits.
+constexpr std::uint64_t kMostInflation = 1032;
+
+// The entry's path from its central record: the text of its name (see StowZipItem), ending in
+// "/" when it is a folder and only then. The entry's own marks decide that, not the name of a
+// Unicode Path field, which may end a folder's name in a backslash (from Windows) or in nothing;
+// a file's field that ends in "/" is passed over.
+void nameItem(StowZipItem& item, const zip::CentralDirectoryHeader& header) {
+  const bool folder =
+      header.name.ends_with('/') || (zip::madeOnDos(header.versionMadeBy) &&
+                                     (header.externalAttributes & zip::kDosAttributeFolder) != 0);
+  auto unicode = zip::unicodePath(header);
+  if (unicode && (folder || !unicode->ends_with('/'))) {
+    item.path = std::string(*unicode);
+    item.nameEncoding = StowZipItem::NameEncoding::unicodePathField;
+  } else if ((header.flags & zip::kFlagUtf8) || zip::isUtf8(header.name)) {
+    item.path = zip::decodeName(header.name);
+  } else {
+    item.path = zip::decodeCp437(header.name);
+    item.nameEncoding = StowZipItem::NameEncoding::cp437;
+  }
+  if (!folder) return;
+  if (item.path.ends_with('/') || (item.path.ends_with('\\') && item.backslashSeparates())) {
+    item.path.pop_back();
+  }
+  item.path += '/';
+}
 
 }  // namespace
 
-bool isSafeEntryPath(std::string_view path) {
-  if (path.empty() || path.front() == '/' ||
-      path.find_first_of(std::string_view("\\\0", 2)) != std::string_view::npos) {
+bool isSafeEntryPath(std::string_view path, bool backslashSeparates) {
+  if (path.empty() || path.front() == '/' || path.find('\0') != std::string_view::npos ||
+      (backslashSeparates && path.find('\\') != std::string_view::npos)) {
     return false;
   }
   for (std::size_t start = 0; start <= path.size();) {
@@ -38,6 +68,13 @@ bool isSafeEntryPath(std::string_view path) {
     start = end + 1;
   }
   return true;
+}
+
+bool declaresPossibleSize(const StowZipItem& item) {
+  if (item.method == zip::kMethodStored) return item.size == item.compressedSize;
+  if (item.method != zip::kMethodDeflated) return true;
+  return item.compressedSize >= UINT64_MAX / kMostInflation ||
+         item.size <= item.compressedSize * kMostInflation;
 }
 
 // The open archive, shared by the reader and its unpackers. Every read names its offset, so
@@ -109,6 +146,7 @@ StowZipReader::Unpacker::Unpacker(Unpacker&&) noexcept = default;
 StowZipReader::Unpacker& StowZipReader::Unpacker::operator=(Unpacker&&) noexcept = default;
 
 void StowZipReader::Unpacker::extract(const StowZipItem& item, const ByteSink& sink) {
+  if (item.isFolder()) return;
   StowCRC32 crc;
   unpack(item, [&](std::string_view piece) {
     sink(piece);
@@ -118,6 +156,7 @@ void StowZipReader::Unpacker::extract(const StowZipItem& item, const ByteSink& s
 }
 
 void StowZipReader::Unpacker::extractBeside(const StowZipItem& item, const ByteSink& sink) {
+  if (item.isFolder()) return;
   StowCRC32 crc;
   std::optional<StowPiecePipeline> pipeline;
   try {
@@ -146,9 +185,12 @@ void StowZipReader::Unpacker::unpack(const StowZipItem& item, const ByteSink& si
   if (item.method != zip::kMethodStored && item.method != zip::kMethodDeflated) {
     throw StowZipError::unsupportedMethod(item.method, item.path);
   }
+  if (!declaresPossibleSize(item)) throw StowZipError::wrongSize(item.path);
   // The data must end before the next entry (or the directory) begins.
   const std::uint64_t limit = source.nextStart(item.headerOffset);
-  if (start > limit || item.compressedSize > limit - start) throw StowZipError::damaged(item.path);
+  if (start > limit || item.compressedSize > limit - start) {
+    throw StowZipError::wrongSize(item.path);
+  }
   if (item.method == zip::kMethodStored) {
     unpackStored(item, start, sink);
   } else {
@@ -156,8 +198,7 @@ void StowZipReader::Unpacker::unpack(const StowZipItem& item, const ByteSink& si
   }
 }
 
-// The end record nearest the end of the file, where it stands, and the Zip64 locator right
-// before it when there is one.
+// An end record, where it stands, and the Zip64 locator right before it when there is one.
 struct StowZipReader::EndRecord {
   zip::EndOfCentralDirectory record;
   std::uint64_t at = 0;
@@ -173,24 +214,28 @@ struct StowZipReader::DirectoryPlace {
   std::uint64_t start() const { return offset + shift; }
 };
 
-StowZipReader::EndRecord StowZipReader::findEndRecord() {
+// The end records in the last bytes of the file, nearest the end first, kEndRecordsTried at most.
+std::vector<StowZipReader::EndRecord> StowZipReader::findEndRecords() {
   const std::size_t tailSize =
       static_cast<std::size_t>(std::min<std::uint64_t>(source_->length, kTailSize));
   std::string tail(tailSize, '\0');
   tail.resize(source_->readAt(source_->length - tailSize, tail.data(), tailSize));
   if (tail.size() < zip::EndOfCentralDirectory::kFixedSize) throw StowZipError::notAZip();
-  std::optional<zip::EndOfCentralDirectory> end;
+  std::vector<EndRecord> found;
   std::size_t position = tail.size() - zip::EndOfCentralDirectory::kFixedSize + 1;
-  while (!end && position-- > 0) {  // the record nearest the end of the file wins
+  while (found.size() < kEndRecordsTried && position-- > 0) {
     zip::ByteCursor cursor(tail, position);
-    end = zip::readEndOfCentralDirectory(cursor);
+    auto end = zip::readEndOfCentralDirectory(cursor);
+    if (!end) continue;
+    EndRecord& record = found.emplace_back();
+    record.record = *end;
+    record.at = source_->length - tail.size() + position;
+    if (position >= zip::Zip64EndLocator::kFixedSize) {
+      zip::ByteCursor before(tail, position - zip::Zip64EndLocator::kFixedSize);
+      record.locator = zip::readZip64EndLocator(before);
+    }
   }
-  if (!end) throw StowZipError::notAZip();
-  EndRecord found{*end, source_->length - tail.size() + position, {}};
-  if (position >= zip::Zip64EndLocator::kFixedSize) {
-    zip::ByteCursor cursor(tail, position - zip::Zip64EndLocator::kFixedSize);
-    found.locator = zip::readZip64EndLocator(cursor);
-  }
+  if (found.empty()) throw StowZipError::notAZip();
   return found;
 }
 
@@ -214,8 +259,7 @@ StowZipReader::findZip64End(const zip::Zip64EndLocator& locator, std::uint64_t l
 // The directory ends where the record after it begins (the Zip64 end record when there is one,
 // else the end record), so whatever stands in front of the archive, such as a self-extracting
 // stub, shows as a shift of every offset, which is then allowed for.
-StowZipReader::DirectoryPlace StowZipReader::locateDirectory() {
-  const EndRecord end = findEndRecord();
+StowZipReader::DirectoryPlace StowZipReader::locateDirectory(const EndRecord& end) {
   DirectoryPlace place{end.record.totalEntries, end.record.directoryOffset,
                        end.record.directorySize};
   std::uint64_t directoryEnd = end.at;
@@ -243,9 +287,25 @@ StowZipReader::DirectoryPlace StowZipReader::locateDirectory() {
   return place;
 }
 
-// The central directory, read in one piece and walked record by record.
+// The central directory of the first end record whose directory holds together. The nearest the
+// end of the file wins, as it should; an earlier one is tried when it does not, as unzip does:
+// the one nearest may be a copy in the comment.
 void StowZipReader::readDirectory() {
-  const DirectoryPlace place = locateDirectory();
+  const std::vector<EndRecord> ends = findEndRecords();
+  for (std::size_t tried = 1;; ++tried) {
+    try {
+      return readDirectory(ends[tried - 1]);
+    } catch (const StowZipError&) {
+      if (tried == ends.size()) throw;
+      items_.clear();
+      source_->starts.clear();
+    }
+  }
+}
+
+// The central directory that `end` places, read in one piece and walked record by record.
+void StowZipReader::readDirectory(const EndRecord& end) {
+  const DirectoryPlace place = locateDirectory(end);
   if (place.count == 0) return;
   // The directory lies inside the file, before the end record: its size is bounded by the file.
   std::string directory(static_cast<std::size_t>(place.size), '\0');
@@ -263,17 +323,9 @@ void StowZipReader::readDirectory() {
     // Every local header lies before the directory.
     if (extent.localHeaderOffset >= place.offset) throw StowZipError::notAZip();
     StowZipItem item;
-    if (header->flags & zip::kFlagUtf8) {
-      item.path = zip::decodeName(header->name);
-    } else if (auto unicode = zip::unicodePath(*header)) {
-      item.path = zip::decodeName(*unicode);
-      item.nameEncoding = StowZipItem::NameEncoding::unicodePathField;
-    } else {
-      item.path = zip::decodeCp437(header->name);
-      item.nameEncoding = StowZipItem::NameEncoding::cp437;
-    }
-    if (item.path != header->name) item.otherStoredName = std::move(header->name);
     item.versionMadeBy = header->versionMadeBy;
+    nameItem(item, *header);
+    if (item.path != header->name) item.otherStoredName = std::string(header->name);
     item.flags = header->flags;
     item.method = header->method;
     item.crc = header->crc;
@@ -293,8 +345,10 @@ void StowZipReader::readDirectory() {
 void StowZipReader::refuseOverlaps(std::uint64_t directoryStart) {
   std::vector<std::pair<std::uint64_t, std::uint64_t>> extents;  // local header, compressed size
   extents.reserve(items_.size());
-  for (const StowZipItem& item : items_)
-    extents.emplace_back(item.headerOffset, item.compressedSize);
+  for (const StowZipItem& item : items_) {
+    // A folder's data is never read, whatever it declares.
+    extents.emplace_back(item.headerOffset, item.isFolder() ? 0 : item.compressedSize);
+  }
   std::sort(extents.begin(), extents.end());
   std::vector<std::uint64_t>& starts = source_->starts;
   starts.reserve(extents.size() + 1);
@@ -351,14 +405,13 @@ std::uint64_t StowZipReader::Source::nextStart(std::uint64_t headerOffset) const
 // unpacking at once.
 void StowZipReader::Unpacker::unpackStored(const StowZipItem& item, std::uint64_t start,
                                            const ByteSink& sink) {
-  if (item.compressedSize != item.size) throw StowZipError::damaged(item.path);
   std::uint64_t remaining = item.compressedSize;
   std::uint64_t position = start;
   while (remaining > 0) {
     std::size_t want =
         static_cast<std::size_t>(std::min<std::uint64_t>(remaining, source_->pieceSize));
     std::size_t got = source_->readAt(position, buffer(), want);
-    if (got == 0) throw StowZipError::damaged(item.path);  // the archive ends inside the entry
+    if (got == 0) throw StowZipError::wrongSize(item.path);  // the archive ends inside the entry
     position += got;
     remaining -= got;
     sink({buffer(), got});
@@ -378,7 +431,7 @@ void StowZipReader::Unpacker::unpackDeflated(const StowZipItem& item, std::uint6
   }
   std::uint64_t produced = 0;
   const ByteSink deliver = [&](std::string_view piece) {
-    if (piece.size() > item.size - produced) throw StowZipError::damaged(item.path);
+    if (piece.size() > item.size - produced) throw StowZipError::wrongSize(item.path);
     produced += piece.size();
     sink(piece);
   };
@@ -394,8 +447,9 @@ void StowZipReader::Unpacker::unpackDeflated(const StowZipItem& item, std::uint6
     remaining -= got;
     status = inflate_->write({buffer(), got}, deliver);
   }
+  if (status == InflateStream::Status::corrupt) throw StowZipError::damaged(item.path);
   if (status != InflateStream::Status::ended || produced != item.size) {
-    throw StowZipError::damaged(item.path);
+    throw StowZipError::wrongSize(item.path);
   }
 }
 

@@ -16,11 +16,15 @@ namespace corvelstow {
 
 /// One entry as the central directory describes it.
 struct StowZipItem {
-  /// Where `path` comes from: the stored name as UTF-8 (the name's UTF-8 flag is set), the
-  /// UTF-8 name of a current Info-ZIP Unicode Path field, or the stored name as code page 437.
+  /// Where `path` comes from: the stored name as UTF-8 (the name's UTF-8 flag is set, or its
+  /// bytes are UTF-8), the UTF-8 name of a current Info-ZIP Unicode Path field, or the stored
+  /// name as code page 437 (bytes that are not UTF-8, unflagged).
   enum class NameEncoding { utf8, unicodePathField, cp437 };
 
-  std::string path;  ///< the name as text (U+FFFD for bytes that are not UTF-8); folders end in "/"
+  /// The name as text (U+FFFD for bytes of a flagged name that are not UTF-8). A folder's path,
+  /// and only a folder's, ends in "/": a folder is an entry whose stored name ends in "/" or,
+  /// made on DOS or Windows, whose attributes say so.
+  std::string path;
   /// The name's bytes as the central directory holds them, kept apart only where they differ
   /// from `path`: a large archive's names are then held once.
   std::optional<std::string> otherStoredName;
@@ -36,12 +40,23 @@ struct StowZipItem {
 
   /// The name's bytes as the central directory holds them.
   std::string_view storedName() const { return otherStoredName ? *otherStoredName : path; }
+  /// Whether the entry is a folder, which holds no data: its declared sizes are not checked.
+  bool isFolder() const { return !path.empty() && path.back() == '/'; }
+  /// Whether a backslash in its name may be a separator: in an entry made on DOS or Windows (or
+  /// any system but Unix and macOS, where it is a character like any other).
+  bool backslashSeparates() const { return !zip::madeOnUnix(versionMadeBy); }
 };
 
 /// Whether an entry's path may be unpacked below a folder: not empty, not absolute, no ".."
-/// piece, no backslash, which some unpackers read as a separator, and no NUL byte, where the
-/// system would end the name ("a.txt\0.exe" would be written as a.txt).
-bool isSafeEntryPath(std::string_view path);
+/// piece, no NUL byte, where the system would end the name ("a.txt\0.exe" would be written as
+/// a.txt), and no backslash when `backslashSeparates`: unpackers on the entry's own system read
+/// it as a separator ("a\..\..\x").
+bool isSafeEntryPath(std::string_view path, bool backslashSeparates);
+
+/// Whether the entry's data could unpack to its declared size: a stored entry's two sizes are
+/// equal, and DEFLATE gives at most 1,032 bytes for each byte (the most a two-bit match of 258
+/// bytes gives). Entries of other methods are not judged.
+bool declaresPossibleSize(const StowZipItem& item);
 
 /// Reads a ZIP archive whose entries are stored or deflated, Zip64 records included, also behind
 /// data in front of it (a self-extracting stub). Nothing is unpacked without its CRC-32 and its
@@ -49,16 +64,17 @@ bool isSafeEntryPath(std::string_view path);
 /// made from it are gone.
 ///
 /// Unpacking throws StowZipError (notAZip for a missing local header, encrypted,
-/// unsupportedMethod, damaged) or StowFileError for a failed read or write; the reader stays
-/// usable after a failure.
+/// unsupportedMethod, wrongSize, damaged) or StowFileError for a failed read or write; the reader
+/// stays usable after a failure. A folder unpacks to nothing, whatever it declares.
 class StowZipReader {
  public:
   class Unpacker;
 
-  /// Opens the archive and reads its directory. Throws StowFileError when the file cannot be
-  /// opened or read, and StowZipError::notAZip when it is not an archive: no end record, a
-  /// directory that does not hold the records the end record counts or does not end where it
-  /// should, or entries whose local data overlap.
+  /// Opens the archive and reads its directory, as the end record nearest the end of the file
+  /// places it, or when that directory does not hold together, as an earlier one does. Throws
+  /// StowFileError when the file cannot be opened or read, and StowZipError::notAZip when it is
+  /// not an archive: no end record, a directory that does not hold the records the end record
+  /// counts or does not end where it should, or entries whose local data overlap.
   explicit StowZipReader(const std::filesystem::path& location);
   ~StowZipReader();
   StowZipReader(StowZipReader&&) noexcept;
@@ -75,9 +91,10 @@ class StowZipReader {
   void extract(const StowZipItem& item, int destinationFd);
 
   /// Streams the entry to `sink` in pieces of at most 1 MiB. Never hands on more than the
-  /// entry's declared size: unpacking stops with StowZipError::damaged as soon as the data passes
-  /// it, ends short of it, or does not end within the declared compressed bytes. A sink that
-  /// throws stops the unpacking and its exception is passed on.
+  /// entry's declared size: unpacking stops with StowZipError::wrongSize as soon as the data
+  /// passes it, ends short of it, or does not end within the declared compressed bytes, and
+  /// before anything is read when the size could not be reached at all. A sink that throws stops
+  /// the unpacking and its exception is passed on.
   void extract(const StowZipItem& item, const ByteSink& sink);
 
   /// A new unpacker of this archive's entries, with buffers of its own: one for each thread that
@@ -88,11 +105,12 @@ class StowZipReader {
   struct Source;
   struct EndRecord;
   struct DirectoryPlace;
-  EndRecord findEndRecord();
+  std::vector<EndRecord> findEndRecords();
   std::optional<std::pair<zip::Zip64EndOfCentralDirectory, std::uint64_t>> findZip64End(
       const zip::Zip64EndLocator& locator, std::uint64_t locatorAt);
-  DirectoryPlace locateDirectory();
+  DirectoryPlace locateDirectory(const EndRecord& end);
   void readDirectory();
+  void readDirectory(const EndRecord& end);
   void refuseOverlaps(std::uint64_t directoryStart);
   Unpacker& ownUnpacker();
 

@@ -49,8 +49,12 @@ void walk(FolderChain& chain, const std::string& top, const std::set<std::string
   chain.moveTo("");  // back at the container
   if (!enterFolder(chain, top, top)) return;
   std::vector<TreeEntry> children = listFolder(chain, top);
-  std::sort(children.begin(), children.end(),
-            [](const TreeEntry& a, const TreeEntry& b) { return a.name < b.name; });
+  // In the platform's order, which holds canonically equivalent names equal: two such names
+  // (distinct files on Linux) keep an order of their bytes, whatever the directory's.
+  std::sort(children.begin(), children.end(), [](const TreeEntry& a, const TreeEntry& b) {
+    const int order = platform::compareNames(a.name, b.name);
+    return order != 0 ? order < 0 : a.name < b.name;
+  });
   for (const TreeEntry& child : children) {
     if (excluded.count(child.name)) continue;
     if (child.kind == TreeEntry::Kind::file) {
@@ -215,6 +219,43 @@ void removeOtherExports(const fs::path& archive) {
   }
 }
 
+// White space as the platform defines it (NSCharacterSet whitespaceAndNewlineCharacterSet): the
+// space separators, tab, the line and paragraph separators and the other line ends.
+bool isWhiteSpace(char32_t c) {
+  return (c >= 0x09 && c <= 0x0D) || c == 0x20 || c == 0x85 || c == 0xA0 || c == 0x1680 ||
+         (c >= 0x2000 && c <= 0x200A) || c == 0x2028 || c == 0x2029 || c == 0x202F || c == 0x205F ||
+         c == 0x3000;
+}
+
+// The character whose UTF-8 begins at `at`, and its length; a byte that begins none stands for
+// itself (and is no white space).
+std::pair<char32_t, std::size_t> characterAt(std::string_view text, std::size_t at) {
+  const auto lead = static_cast<unsigned char>(text[at]);
+  const std::size_t length = lead < 0xC2 || lead > 0xF4 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+  if (length == 1 || at + length > text.size()) return {lead, 1};
+  char32_t c = lead & (0x7F >> length);
+  for (std::size_t i = 1; i < length; ++i) {
+    const auto next = static_cast<unsigned char>(text[at + i]);
+    if ((next & 0xC0) != 0x80) return {lead, 1};
+    c = c << 6 | (next & 0x3F);
+  }
+  return {c, length};
+}
+
+// `text` without the white space at its ends.
+std::string_view trimmedOfWhiteSpace(std::string_view text) {
+  std::size_t begin = text.size(), end = 0;
+  for (std::size_t at = 0; at < text.size();) {
+    const auto [c, length] = characterAt(text, at);
+    if (!isWhiteSpace(c)) {
+      begin = std::min(begin, at);
+      end = at + length;
+    }
+    at += length;
+  }
+  return begin < end ? text.substr(begin, end - begin) : std::string_view();
+}
+
 }  // namespace
 
 std::string exportFileName(std::string_view appName, StowDate createdAt) {
@@ -222,9 +263,7 @@ std::string exportFileName(std::string_view appName, StowDate createdAt) {
   for (char c : appName) {
     if (std::string_view("/\\:?%*|\"<>").find(c) == std::string_view::npos) name += c;
   }
-  size_t first = name.find_first_not_of(" \t");
-  name = first == std::string::npos ? ""
-                                    : name.substr(first, name.find_last_not_of(" \t") - first + 1);
+  name = std::string(trimmedOfWhiteSpace(name));
   if (name.empty()) name = "App";
 
   CivilTime t = localCivilTime(createdAt);

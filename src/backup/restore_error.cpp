@@ -19,6 +19,10 @@ StowRestoreError StowRestoreError::heldTwice(const std::string& path) {
   return {Kind::heldTwice, "The backup holds " + path + " more than once."};
 }
 
+StowRestoreError StowRestoreError::fileAndFolder(const std::string& path) {
+  return {Kind::fileAndFolder, "The backup holds both a file and a folder named " + path + "."};
+}
+
 StowRestoreError StowRestoreError::moreThanDeclared() {
   return {Kind::moreThanDeclared, "The backup holds more data than it declares."};
 }

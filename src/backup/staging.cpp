@@ -100,7 +100,9 @@ void checkNames(const std::vector<const StowZipItem*>& selected) {
   std::unordered_set<std::string_view> folders, files;
   for (const StowZipItem* item : selected) {
     std::string_view relative = relativeName(*item);
-    if (!isSafeEntryPath(relative)) throw StowZipError::unsafePath(shown(item->path));
+    if (!isSafeEntryPath(relative, item->backslashSeparates())) {
+      throw StowZipError::unsafePath(shown(item->path));
+    }
     for (size_t slash = relative.find('/'); slash != std::string_view::npos;
          slash = relative.find('/', slash + 1)) {
       folders.insert(relative.substr(0, slash));
@@ -109,9 +111,8 @@ void checkNames(const std::vector<const StowZipItem*>& selected) {
   for (const StowZipItem* item : selected) {
     std::string_view relative = relativeName(*item);
     if (relative.back() == '/') continue;
-    if (folders.count(relative) || !files.insert(relative).second) {
-      throw StowRestoreError::heldTwice(shown(item->path));
-    }
+    if (folders.count(relative)) throw StowRestoreError::fileAndFolder(shown(item->path));
+    if (!files.insert(relative).second) throw StowRestoreError::heldTwice(shown(item->path));
   }
 }
 
@@ -119,17 +120,26 @@ std::uint64_t saturatingAdd(std::uint64_t a, std::uint64_t b) {
   return a > UINT64_MAX - b ? UINT64_MAX : a + b;
 }
 
-// Before anything is unpacked: room on the volume for every selected file as declared. Returns
-// the most that unpacking may write: what the files declare plus what the manifest counts, a
-// second line behind the reader, which holds each entry to its declared size.
+// Before anything is unpacked: room on the volume for every selected file as declared. A total
+// that does not fit because an entry declares more than its data could ever unpack to is no
+// want of room: that entry is damaged. Returns the most that unpacking may write: what the files
+// declare plus what the manifest counts, a second line behind the reader, which holds each entry
+// to its declared size.
 std::uint64_t checkRoom(const fs::path& staged, const std::vector<const StowZipItem*>& selected,
                         std::int64_t manifestBytes) {
   std::uint64_t declared = 0;
   for (const StowZipItem* item : selected) {
-    if (item->path.back() != '/') declared = saturatingAdd(declared, item->size);
+    if (!item->isFolder()) declared = saturatingAdd(declared, item->size);
   }
   auto available = platform::freeSpace(staged);
-  if (available && *available < declared) throw StowRestoreError::noRoom(declared, *available);
+  if (available && *available < declared) {
+    for (const StowZipItem* item : selected) {
+      if (!item->isFolder() && !declaresPossibleSize(*item)) {
+        throw StowZipError::wrongSize(shown(item->path));
+      }
+    }
+    throw StowRestoreError::noRoom(declared, *available);
+  }
   return saturatingAdd(declared,
                        static_cast<std::uint64_t>(std::max<std::int64_t>(manifestBytes, 0)));
 }

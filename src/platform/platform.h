@@ -69,6 +69,13 @@ class PreferencesStore {
   fs::path folder_;
 };
 
+/// Compares two file names as the platform's standard string comparison does: negative, zero or
+/// positive. Apple: NSString compare:, which compares characters by their code points after
+/// canonical decomposition, so that a name in composed and in decomposed form compares equal and
+/// "e\u0301" and "\u00E9" both come before "f". Linux: the same order, through ICU's canonical
+/// decomposition (NFD). Names that are not UTF-8 compare by their bytes.
+int compareNames(std::string_view a, std::string_view b);
+
 /// The device's user-visible name (on Linux, the host name). Called on the main queue: on Apple
 /// platforms it comes from UIKit (UIDevice), which answers there only.
 std::string deviceName();

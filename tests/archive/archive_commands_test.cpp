@@ -61,6 +61,8 @@ TEST(ArchiveCommandsTest, PrintWhatAnArchiveHoldsOrWhyNot) {
       {{"cat", archive, "../data.bin"}, 0, binary},
       {{"cat", archive, "container/nothing"}, 1, "",
        "The archive holds no entry named container/nothing.\n"},
+      {{"cat", archive, "manifest.json", "--index", "2"}, 1, "",
+       "The archive holds only 1 entry named manifest.json.\n"},
       {{"verify", archive}, 0, "Checked 3 entries and 32 bytes: every checksum matches.\n"},
       {{"--json", "verify", archive}, 0, R"({"entries": 3, "bytes": 32})"},
       {{"verify", at + "one.zip"}, 0, "Checked 1 entry and 1 byte: every checksum matches.\n"},

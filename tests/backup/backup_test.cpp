@@ -62,6 +62,10 @@ TEST_F(BackupTest, AnEmptyContainerHoldsTheManifestAndTheTwoTopFolders) {
 
 TEST_F(BackupTest, ArchivesTheContainerInItsOrderWithItsExclusions) {
   writeFile(layout.documents / "b.txt", "bee");
+  // In the platform's order, "\u00E9" composed and decomposed comes before "f", as on iOS.
+  writeFile(layout.documents / "f.txt", "");
+  writeFile(layout.documents / "\u00E9.txt", "");
+  writeFile(layout.documents / "e\u0301a.txt", "");
   writeFile(layout.documents / "a/deep/x.txt", "ex");
   writeFile(layout.documents / ".hidden", "hidden");
   writeFile(layout.documents / "Caches/kept.txt", "a Documents folder named Caches is data");
@@ -93,12 +97,15 @@ TEST_F(BackupTest, ArchivesTheContainerInItsOrderWithItsExclusions) {
                                     "container/Documents/Caches/kept.txt",
                                     "container/Documents/a/deep/x.txt",
                                     "container/Documents/b.txt",
+                                    "container/Documents/\u00E9.txt",
+                                    "container/Documents/e\u0301a.txt",
+                                    "container/Documents/f.txt",
                                     "container/Library/Application Support/Caches/nested",
                                     "container/Library/Application Support/db"};
   EXPECT_EQ(std::vector<std::string>(entries.begin() + 2, entries.end()), expected);
 
   StowManifest manifest = readManifest(archive);
-  EXPECT_EQ(manifest.fileCount, 6);
+  EXPECT_EQ(manifest.fileCount, 9);
   EXPECT_EQ(manifest.totalBytes, 3 + 2 + 6 + 39 + 8 + 22);
   EXPECT_EQ(manifest.appName, "Notes: Pro");
   EXPECT_EQ(manifest.bundleIdentifier, "com.example.notes");
@@ -159,6 +166,8 @@ TEST_F(BackupTest, ExportNamesDropUnsafeCharactersAndUseLocalTime) {
   EXPECT_EQ(exportFileName(" /\\:?%*|\"<> ", date), "App 2026-03-03 1405.corvelappdata");
   EXPECT_EQ(exportFileName("", date), "App 2026-03-03 1405.corvelappdata");
   EXPECT_EQ(exportFileName("Café 日記", date), "Café 日記 2026-03-03 1405.corvelappdata");
+  EXPECT_EQ(exportFileName("\n\u00A0\u3000Notes Pro\u2029 \r", date),
+            "Notes Pro 2026-03-03 1405.corvelappdata");
   ::unsetenv("TZ");
   ::tzset();
 }

@@ -139,9 +139,6 @@ TEST_P(StagingTest, RejectsBadBackupsWithTheirTextsAndLeavesNothing) {
   expectFailure(StowRestoreScope::everything,
                 "The archive holds an unsafe path: container/Documents/../x");
   EXPECT_FALSE(fs::exists(layout.workFolder / "x"));
-  writeArchive({{"container/Documents/a\\..\\..\\x", "escape"}}, manifestJson(1));
-  expectFailure(StowRestoreScope::documents,
-                "The archive holds an unsafe path: container/Documents/a\\..\\..\\x");
 
   std::vector<std::pair<std::string, std::string>> nine;
   for (int i = 0; i < 9; ++i) nine.push_back({"container/Library/f" + std::to_string(i), "x"});

@@ -1,5 +1,6 @@
 // corvelstow greet and status, and a restore that fails through the model, in real processes.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
@@ -34,12 +35,23 @@ class PanelCommandsTest : public testing::ModelFixture {
     fs::create_directories(folder / "tmp");
   }
 
+  std::map<std::string, std::string> environment() {
+    return {{"CORVELSTOW_HOME", layout.home.string()},
+            {"CORVELSTOW_BUNDLE", bundle.string()},
+            {"TMPDIR", (folder / "tmp").string()},
+            {"LANG", "en_US.UTF-8"},
+            {"TZ", "UTC"}};
+  }
+
   testing::ProcessResult run(const std::vector<std::string>& arguments) {
-    return testing::runCommand(arguments, {{"CORVELSTOW_HOME", layout.home.string()},
-                                           {"CORVELSTOW_BUNDLE", bundle.string()},
-                                           {"TMPDIR", (folder / "tmp").string()},
-                                           {"LANG", "en_US.UTF-8"},
-                                           {"TZ", "UTC"}});
+    return testing::runCommand(arguments, environment());
+  }
+
+  // The command run on a terminal (script's), which shows stdout and stderr alike.
+  testing::ProcessResult runOnTerminal(const std::string& arguments) {
+    return testing::runProcess(
+        {"script", "-qec", std::string(CORVELSTOW_COMMAND) + " " + arguments, "/dev/null"},
+        environment());
   }
 };
 
@@ -116,6 +128,22 @@ TEST_F(PanelCommandsTest, ARestoreThatFailsSaysWhyAndStagesNothing) {
   auto shown = run({"restore", backup, "--scope", "settings", "--progress"});
   EXPECT_EQ(shown.exitCode, 1);
   EXPECT_EQ(shown.err, "Preparing the restore: Unpacking (0%)\n" + sentence);
+}
+
+// On a terminal the bar is drawn in place, and its line ends before the result or the failure
+// is printed.
+TEST_F(PanelCommandsTest, OnATerminalTheBarEndsItsLineFirst) {
+  const auto backup = runOnTerminal("backup");
+  ASSERT_EQ(backup.exitCode, 0) << backup.out;
+  EXPECT_THAT(backup.out,
+              ::testing::MatchesRegex(
+                  ".*100%  [0-9]+ of [0-9]+ files\x1B\\[K\r\n/[^\r\n]+\\.corvelappdata\r\n"));
+  const std::string lastLine = backup.out.substr(backup.out.rfind("\r\n/") + 2);
+  const auto restore =
+      runOnTerminal("restore '" + lastLine.substr(0, lastLine.find('\r')) + "' --scope settings");
+  EXPECT_THAT(restore.out,
+              ::testing::EndsWith("%  Unpacking\x1B[K\r\nThat backup holds nothing for the "
+                                  "part you chose.\r\n"));
 }
 
 }  // namespace

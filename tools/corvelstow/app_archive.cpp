@@ -47,7 +47,9 @@ UnpackedApp unpackApp(const fs::path& ipa, const fs::path& folder) {
   std::set<std::string> seen, bundles;
   for (const StowZipItem& item : reader.items()) {
     // Every entry lands inside the folder, and once: a repeated name keeps its last contents.
-    if (!isSafeEntryPath(item.path)) throw StowZipError::unsafePath(item.path);
+    if (!isSafeEntryPath(item.path, item.backslashSeparates())) {
+      throw StowZipError::unsafePath(item.path);
+    }
     if (S_ISLNK(item.mode)) {
       throwFileError(EINVAL, ipa.filename().string() + " holds a symbolic link, " + item.path +
                                  ", which inject does not carry over.");

@@ -25,10 +25,12 @@ namespace {
 void backup(const CommandContext& context, bool includeCachesFlag, unsigned threads) {
   ModelSession session(context.container());
   StowModel& model = session.model();
-  ProgressPrinter progress("Backing up", context.progress);
-  session.followWork(std::ref(progress));
-  model.backUpWith(includeCachesFlag || model.settings().includeCaches, threads);
-  session.finishWork();
+  {
+    ProgressPrinter progress("Backing up", context.progress);
+    session.followWork(std::ref(progress));
+    model.backUpWith(includeCachesFlag || model.settings().includeCaches, threads);
+    session.finishWork();
+  }
   fs::path archive = *model.lastExport();
   if (context.json) {
     context.printJson({{"archive", archive.string()}, {"manifest", toJson(readManifest(archive))}});

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Writes the archives of this folder: small backups that are hostile, damaged or merely unusual,
 each kept for one way a reader can go wrong. The tests run every one of them through `corvelstow
-verify`, `cat` and `restore`; the fuzzer starts from them too.
+list`, `verify`, `cat` and `restore`; the fuzzer starts from them too.
 
     python3 tests/archive/hostile/make_archives.py [FOLDER]
 
@@ -17,7 +17,8 @@ import zlib
 LOCAL, CENTRAL, END = 0x04034B50, 0x02014B50, 0x06054B50
 ZIP64_END, ZIP64_LOCATOR = 0x06064B50, 0x07064B50
 DOS_TIME, DOS_DATE = 0x4BC5, 0x58A1  # 2024-05-01 09:30:10
-UNIX, MSDOS = 0x031E, 0x0014  # "version made by": Unix 3.0, MS-DOS 2.0
+UNIX, MSDOS, NTFS = 0x031E, 0x0014, 0x0A3F  # "version made by": Unix 3.0, MS-DOS 2.0, NTFS 6.3
+DOS_FOLDER = 0x10  # the MS-DOS attribute of a folder
 UTF8, ENCRYPTED = 1 << 11, 1 << 0
 DOCUMENTS = b"container/Documents/"
 SHOPPING = b"milk, eggs, bread\n"
@@ -27,10 +28,14 @@ class Entry:
     """One entry: the bytes that stand in the archive and what its records declare."""
 
     def __init__(self, name, data, method, crc, size, flags=UTF8, made_by=UNIX, extra=b"",
-                 local_extra=b""):
+                 local_extra=b"", attributes=None):
         self.name, self.data, self.method = name, data, method
         self.crc, self.size, self.compressed = crc, size, len(data)
         self.flags, self.made_by, self.extra, self.local_extra = flags, made_by, extra, local_extra
+        if attributes is None:
+            attributes = 0x41ED0000 if name.endswith(b"/") else 0x81A40000
+        self.attributes = attributes
+        self.is_folder = name.endswith(b"/") or attributes == DOS_FOLDER
 
 
 def raw_deflate(content, finish=True):
@@ -52,7 +57,7 @@ def folder(name, **fields):
 
 
 def manifest(entries):
-    files = [e for e in entries if e.name.startswith(b"container/") and not e.name.endswith(b"/")]
+    files = [e for e in entries if e.name.startswith(b"container/") and not e.is_folder]
     text = json.dumps({"schemaVersion": 1, "bundleIdentifier": "com.example.notes",
                        "appName": "Notes", "createdAt": "2024-05-01T09:30:00Z",
                        "includedPaths": ["Documents", "Library"], "fileCount": len(files),
@@ -76,10 +81,9 @@ def archive(entries, records=None, count=None, front=b"", tail=b""):
         body += e.name + e.local_extra + e.data
     directory = bytearray()
     for e, index in records or [(e, i) for i, e in enumerate(entries)]:
-        attributes = 0x41ED0000 if e.name.endswith(b"/") else 0x81A40000
         directory += struct.pack("<IHHHHHHIIIHHHHHII", CENTRAL, e.made_by, 20, e.flags, e.method,
                                  DOS_TIME, DOS_DATE, e.crc, e.compressed, e.size, len(e.name),
-                                 len(e.extra), 0, 0, 0, attributes, offsets[index])
+                                 len(e.extra), 0, 0, 0, e.attributes, offsets[index])
         directory += e.name + e.extra
     n = len(records or entries) if count is None else count
     end = struct.pack("<IHHHHIIH", END, 0, 0, n, n, len(directory), len(body), 0)
@@ -154,6 +158,31 @@ def cases():
     yield "utf8-flag-bad-bytes.zip", archive(backup(
         stored(DOCUMENTS + b"\xff.txt", b"one"), stored(DOCUMENTS + b"\xfe.txt", b"two")))
 
+    # Names without the UTF-8 flag that are UTF-8, as Info-ZIP's zip and the Finder store them,
+    # also from a tool that says it ran on MS-DOS; a flagged name whose Unicode Path field is
+    # current, which wins as it does unflagged.
+    yield "utf8-unflagged.zip", archive(backup(
+        stored("container/Documents/Café.txt".encode(), b"cafe", flags=0, made_by=MSDOS),
+        stored("container/Documents/Ünïcödé/日本語 ✓.txt".encode(), b"nihongo", flags=0),
+        stored(DOCUMENTS + b"old.txt", b"renamed", extra=unicode_path(DOCUMENTS + b"old.txt",
+                                                                    DOCUMENTS + b"new.txt"))))
+
+    # Folders: one marked only by its MS-DOS attribute, one from Windows whose Unicode Path field
+    # ends in a backslash, and one that declares a size but holds no data, as some tools write.
+    ae = DOCUMENTS + b"\x84/"  # "ä/" in code page 437
+    yield "folder-marks.zip", archive(backup(
+        folder(DOCUMENTS + b"def", flags=0, made_by=MSDOS, attributes=DOS_FOLDER),
+        stored(DOCUMENTS + b"def/x.txt", b"x", flags=0, made_by=MSDOS),
+        folder(ae, flags=0, made_by=NTFS, attributes=DOS_FOLDER,
+               extra=unicode_path(ae, "container/Documents/ä\\".encode())),
+        Entry(DOCUMENTS + b"sized/", b"", 0, 0, 68)))
+
+    # A backslash: a character like any other in a name from Unix or macOS, as in our own
+    # backups; a way out in one from Windows, where it separates folders.
+    yield "unix-backslash.zip", archive(backup(stored(DOCUMENTS + b"with\\backslash", b"unix")))
+    yield "dos-backslash.zip", archive(backup(
+        stored(DOCUMENTS + b"a\\..\\..\\x", b"dos", flags=0, made_by=MSDOS)))
+
     # Names that would land on one file: twice the same, a file where a folder is, and a NUL
     # that would cut the name short.
     yield "duplicate-names.zip", archive(backup(
@@ -162,6 +191,15 @@ def cases():
         stored(DOCUMENTS + b"Notes", b"a file"), *notes))
     yield "nul-in-name.zip", archive(backup(
         *notes, stored(DOCUMENTS + b"Notes/shopping.txt\0evil.exe", b"MZ")))
+    # Control characters, which the listing shows escaped.
+    yield "control-names.zip", archive(backup(
+        stored(DOCUMENTS + b"line\nbreak\t\x1b[2J.txt", b"two lines"),
+        stored(b'"quoted"', b"quoted")))
+    # A size of 2^62 bytes from a few bytes of data: no volume could hold it, and no data give it.
+    huge = deflated(DOCUMENTS + b"huge.bin", SHOPPING,
+                    extra=struct.pack("<HHQ", 0x0001, 8, 1 << 62))
+    huge.size = 0xFFFFFFFF
+    yield "zip64-size-impossible.zip", archive(backup(*notes, huge))
 
     # End records and directories that do not hold together.
     junk = bytes(range(256)) * 2
@@ -177,6 +215,10 @@ def cases():
     yield "count-too-high.zip", archive(entries, count=len(entries) + 1)
     body = archive(entries)
     yield "gap-before-end.zip", body[:-22] + b"\0" * 16 + body[-22:]
+    # A comment that holds a copy of the end record: the copy, nearest the end, places the
+    # directory where it is not; the end record before it holds together.
+    end = body[-22:-2] + struct.pack("<H", 22)
+    yield "end-record-in-comment.zip", body[:-22] + end + end
 
     # Encrypted: the header says so, whatever the bytes are.
     secret = stored(DOCUMENTS + b"Notes/secret.txt", b"\x8f\x12\x9a\x77" * 8, flags=UTF8 | ENCRYPTED)
