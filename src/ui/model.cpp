@@ -195,6 +195,8 @@ void StowModel::fail(const std::string& message) {
   finishProgress();
   publish(work_, Work::idle(), Field::work);
   publish(errorText_, std::optional<std::string>(message), Field::errorText);
+  // A staging that failed has cleared the restore staged before it.
+  publish(pending_, readRecord<StowStagedRestore>(layout_.stagedRecord), Field::pending);
 }
 
 void StowModel::backUp(std::function<void(const std::filesystem::path&)> completion) {
@@ -282,13 +284,14 @@ void StowModel::endPreview() {
 // Closing the app
 
 void StowModel::closeApp() {
+  if (!work_.isIdle()) return;
   appControl_.suspend();
   // The app is off screen before the process ends, so that the user sees no crash-like exit.
   dispatcher_.after(kCloseDelay, [&control = appControl_] { control.terminate(); });
 }
 
 void StowModel::undoAndCloseApp() {
-  if (!previous_) return;
+  if (!previous_ || !work_.isIdle()) return;
   try {
     requestUndo(layout_);
   } catch (const std::exception& error) {

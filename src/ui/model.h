@@ -237,11 +237,11 @@ class StowModel : public std::enable_shared_from_this<StowModel> {
   void cancelPreview();
 
   /// Sends the app to the home screen and ends the process 0.4 s later, so that the next
-  /// launch applies what is waiting.
+  /// launch applies what is waiting. Nothing while work runs: it would end half-way.
   void closeApp();
 
   /// Leaves the undo request for the next launch, then closes the app. Nothing when there is
-  /// no previous restore to undo; when the request cannot be left (another operation holds
+  /// no previous restore to undo or while work runs; when the request cannot be left (another operation holds
   /// the app's data), errorText says so and the app stays open.
   void undoAndCloseApp();
 

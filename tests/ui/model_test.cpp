@@ -292,6 +292,12 @@ TEST_F(ModelTest, ClosingSuspendsAtOnceAndEndsTheProcessLaterAndUndoNeedsAPrevio
 
   writeRecord(stagedRestore("Notes", StowRestoreScope::everything), layout.previousRecord);
   model->reload();
+  model->backUp();  // nothing closes the app while work runs
+  model->closeApp();
+  model->undoAndCloseApp();
+  EXPECT_TRUE(control.calls.empty());
+  EXPECT_FALSE(fs::exists(layout.undoRequest));
+  dispatcher.settle();
   {
     // While another operation holds the app's data, the app stays open and says so.
     auto busy = StowContainerLock::acquire(layout);
