@@ -24,7 +24,7 @@ struct OrdinalTables {
   std::optional<SliceRange> bind;           ///< LC_DYLD_INFO(_ONLY): the bind opcodes
   std::optional<SliceRange> lazyBind;       ///< and the lazy bind opcodes
   std::optional<SliceRange> chainedFixups;  ///< LC_DYLD_CHAINED_FIXUPS, whose imports name them
-  std::optional<SliceRange> symbols;  ///< LC_SYMTAB's entries, in a two-level namespace image
+  std::optional<SliceRange> symbols;        ///< LC_SYMTAB's entries, in a two-level namespace image
 };
 
 /// The changes that keep every import of the slice at `sliceOffset` of `file` (`sliceSize`

@@ -208,10 +208,9 @@ std::optional<DyldInfoCommand> readDyldInfoCommand(std::string_view command) {
   DyldInfoCommand info;
   info.cmd = cursor.get32();
   info.cmdsize = cursor.get32();
-  for (std::uint32_t* field :
-       {&info.rebaseOff, &info.rebaseSize, &info.bindOff, &info.bindSize, &info.weakBindOff,
-        &info.weakBindSize, &info.lazyBindOff, &info.lazyBindSize, &info.exportOff,
-        &info.exportSize}) {
+  for (std::uint32_t* field : {&info.rebaseOff, &info.rebaseSize, &info.bindOff, &info.bindSize,
+                               &info.weakBindOff, &info.weakBindSize, &info.lazyBindOff,
+                               &info.lazyBindSize, &info.exportOff, &info.exportSize}) {
     *field = cursor.get32();
   }
   if (!cursor.ok()) return std::nullopt;

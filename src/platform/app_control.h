@@ -32,7 +32,7 @@ class AppControl {
   /// work is then about to be suspended, and should stop cleanly. Nothing where no app can be
   /// suspended (null).
   virtual std::unique_ptr<BackgroundTime> beginBackgroundTime(const std::string& name,
-                                                             std::function<void()> expired) {
+                                                              std::function<void()> expired) {
     (void)name;
     (void)expired;
     return nullptr;

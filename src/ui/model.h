@@ -315,7 +315,7 @@ class StowModel : public std::enable_shared_from_this<StowModel> {
   bool voiceOverRunning_ = false;
   bool screenKeptAwake_ = false;
   bool closing_ = false;
-  std::shared_ptr<StowProgressRelay> progress_;  ///< the running work's progress
+  std::shared_ptr<StowProgressRelay> progress_;               ///< the running work's progress
   std::unique_ptr<platform::BackgroundTime> backgroundTime_;  ///< the running work's
   std::vector<std::pair<int, Observer>> observers_;
   int nextToken_ = 0;

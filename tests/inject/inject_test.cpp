@@ -213,8 +213,8 @@ TEST_F(InjectTest, AddsTheLibraryToThinAndFatExecutablesOnceBeforeTheAppsOwnFram
   const fs::path signedThin = withHelper("signed", {"-lz", "-Wl,-adhoc_codesign"});
   const fs::path withRunPath = executable("rpath", {"-Wl,-rpath," + std::string(kRunPath) + "/"});
   const fs::path chained = withHelper("chained", {"-lz", "-Wl,-fixup_chains"});
-  std::vector<std::string> fourteen = {"-lz", "-lsqlite3", "-lxml2", "-lbz2", "-liconv",
-                                       "-lresolv", "-lcompression"};
+  std::vector<std::string> fourteen = {"-lz",     "-lsqlite3", "-lxml2",       "-lbz2",
+                                       "-liconv", "-lresolv",  "-lcompression"};
   for (const char* framework : {"Foundation", "CoreFoundation", "UIKit", "CoreGraphics",
                                 "QuartzCore", "Security", "CoreText"}) {
     fourteen.insert(fourteen.end(), {"-framework", framework});

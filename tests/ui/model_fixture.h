@@ -57,7 +57,8 @@ class RecordingAppControl final : public platform::AppControl {
 
  private:
   struct Time final : platform::BackgroundTime {
-    Time(RecordingAppControl& control, std::string name) : control(control), name(std::move(name)) {}
+    Time(RecordingAppControl& control, std::string name)
+        : control(control), name(std::move(name)) {}
     ~Time() override { control.record("end " + name); }
     RecordingAppControl& control;
     std::string name;

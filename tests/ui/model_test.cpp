@@ -327,7 +327,7 @@ TEST_F(ModelTest, ClosingEndsTheProcessOnceTheAppIsInTheBackgroundAndOurQueueIsD
     control.reset();
     const double start = dispatcher.now();
     model->closeApp();
-    model->closeApp();  // once is enough
+    model->closeApp();                       // once is enough
     for (int tick = 0; tick < 12; ++tick) {  // 3 s, a quarter at a time
       if (tick == 1) leave();
       dispatcher.settle();
