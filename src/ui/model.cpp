@@ -325,9 +325,11 @@ void StowModel::closeApp() {
   auto ended = std::make_shared<bool>(false);
   // Time to end the process off screen: suspended first, the app would be resumed rather than
   // launched anew at the next tap on its icon, and what waits would not be applied.
+  // Out of that time, the process ends at once, whatever is still queued.
   std::shared_ptr<platform::BackgroundTime> time =
       appControl_.beginBackgroundTime("Closing the app", [&control = appControl_, ended] {
-        if (!std::exchange(*ended, true)) control.terminate();
+        *ended = true;
+        control.terminate();
       });
   appControl_.suspend();
   // The process ends once the app is off screen, so that the user sees no crash-like exit and

@@ -339,16 +339,22 @@ TEST_F(ModelTest, ClosingEndsTheProcessOnceTheAppIsInTheBackgroundAndOurQueueIsD
     }
     EXPECT_EQ(seen, (Calls{{"begin Closing the app", 0}, {"suspend", 0}, {"terminate", ended}}));
   }
-  // The end waits for the survey queued before it.
-  launch();
-  model->reload();
-  model->closeApp();
-  control.enterBackground();
-  dispatcher.advance(0);
-  EXPECT_NE(control.calls.back().first, "terminate");
-  dispatcher.settle();
-  EXPECT_TRUE(model->usage());
-  EXPECT_EQ(control.calls.back().first, "terminate");
+  // The end waits for the survey queued before it, unless the background time runs out first.
+  for (bool outOfTime : {false, true}) {
+    launch();
+    model->reload();
+    model->closeApp();
+    control.enterBackground();
+    dispatcher.advance(0);
+    EXPECT_NE(control.calls.back().first, "terminate");
+    if (outOfTime) {
+      control.expire();
+    } else {
+      dispatcher.settle();
+      EXPECT_TRUE(model->usage());
+    }
+    EXPECT_EQ(control.calls.back().first, "terminate");
+  }
 }
 
 TEST_F(ModelTest, LongWorkHoldsBackgroundTimeTillItEndsAndStopsCleanlyWhenTheTimeRunsOut) {
