@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "inject/inject_error.h"
+#include "inject/library_ordinals.h"
 #include "inject/macho_format.h"
 
 namespace corvelstow::macho {
@@ -11,6 +12,8 @@ namespace {
 // More slices than any real file has; the same magic opens a Java class file, whose version
 // numbers stand where the slice count would be.
 constexpr std::uint32_t kMaxSlices = 64;
+
+constexpr std::uint32_t kTwoLevelNamespace = 0x80;  // MH_TWOLEVEL
 
 /// One slice: the whole of a thin file, or an entry of a fat file's table.
 struct Slice {
@@ -45,12 +48,21 @@ struct SliceHeaders {
   }
 };
 
+/// Where the new load command goes among a slice's load commands, and the ordinal it takes.
+struct LoadPlace {
+  std::size_t position = 0;  ///< before the command that starts here among the load commands
+  std::uint32_t ordinal = 1;
+};
+
 /// What a slice's load commands hold, as far as adding the library goes.
 struct CommandScan {
   bool loadsLibrary = false;
   bool hasRunPath = false;
   std::optional<CommandAt> signature;
   std::optional<CommandAt> linkedit;
+  std::optional<LoadPlace> firstLibrary;     ///< the first library it loads
+  std::optional<LoadPlace> firstAppLibrary;  ///< the first that is not the system's
+  OrdinalTables ordinals;
 };
 
 /// The code signature's blob taken out of a slice.
@@ -60,13 +72,16 @@ struct SignatureCut {
   std::optional<FilePatch> cleared;          // the blob zeroed, when it is not cut off
 };
 
-/// One slice's new header and load commands, and its new size.
+/// One slice's new header and load commands, its renumbered binding information, and its new
+/// size.
 struct SliceEdit {
   std::string headers;
+  std::vector<FilePatch> ordinals;
   std::uint64_t size = 0;
   std::optional<FilePatch> clearedSignature;
   bool signatureRemoved = false;
   bool rpathAdded = false;
+  bool loadsFirst = false;
 };
 
 bool isLoadCommandOfDylib(std::uint32_t cmd) {
@@ -77,6 +92,12 @@ bool isLoadCommandOfDylib(std::uint32_t cmd) {
 std::string_view leafName(std::string_view path) {
   const std::size_t slash = path.rfind('/');
   return slash == std::string_view::npos ? path : path.substr(slash + 1);
+}
+
+// A library of the system: the app does not ship it, and its initializers run before ours
+// whatever the order, since ours depends on them.
+bool isSystemLibrary(std::string_view path) {
+  return path.starts_with("/System/") || path.starts_with("/usr/lib/");
 }
 
 std::string_view withoutTrailingSlash(std::string_view path) {
@@ -190,6 +211,7 @@ CommandScan scanCommands(const MachFile& file, const SliceHeaders& headers,
                          const DylibToLoad& dylib) {
   CommandScan scan;
   scan.hasRunPath = dylib.rpath.empty();
+  std::uint32_t ordinal = 0;
   for (const CommandAt& at : headers.list) {
     const std::uint32_t cmd = at.command.cmd;
     if (isLoadCommandOfDylib(cmd)) {
@@ -198,6 +220,23 @@ CommandScan scanCommands(const MachFile& file, const SliceHeaders& headers,
         throw StowInjectError::damaged(file.name, "a library's load command is cut short");
       }
       scan.loadsLibrary |= leafName(loaded->name) == leafName(dylib.name);
+      const LoadPlace place{at.position, ++ordinal};
+      if (!scan.firstLibrary) scan.firstLibrary = place;
+      if (!scan.firstAppLibrary && !isSystemLibrary(loaded->name)) scan.firstAppLibrary = place;
+    } else if (cmd == kDyldInfo || cmd == kDyldInfoOnly) {
+      auto info = readDyldInfoCommand(headers.bytesOf(at));
+      if (!info) throw StowInjectError::damaged(file.name, "its dyld information is cut short");
+      scan.ordinals.bind = SliceRange{info->bindOff, info->bindSize};
+      scan.ordinals.lazyBind = SliceRange{info->lazyBindOff, info->lazyBindSize};
+    } else if (cmd == kDyldChainedFixups) {
+      auto fixups = readLinkeditDataCommand(headers.bytesOf(at));
+      if (!fixups) throw StowInjectError::damaged(file.name, "its chained fixups are cut short");
+      scan.ordinals.chainedFixups = SliceRange{fixups->dataoff, fixups->datasize};
+    } else if (cmd == kSymtab && (headers.header.flags & kTwoLevelNamespace) != 0) {
+      auto symtab = readSymtabCommand(headers.bytesOf(at));
+      if (!symtab) throw StowInjectError::damaged(file.name, "its symbol table is cut short");
+      scan.ordinals.symbols =
+          SliceRange{symtab->symoff, std::uint64_t{symtab->nsyms} * SymtabCommand::kNlistSize};
     } else if (cmd == kRpath) {
       auto rpath = readRpathCommand(headers.bytesOf(at));
       if (!rpath) {
@@ -249,8 +288,27 @@ SignatureCut cutSignature(const MachFile& file, const Slice& slice, const SliceH
   return cut;
 }
 
-// The new header and load commands of one slice: the old commands but the signature's, then the
-// library's and its run path's, all before the first section's bytes.
+// Where the library's load command goes: before the app's first library of its own (or before
+// the first library at all when the app ships none), since the libraries' initializers run in
+// the order of their load commands, and ours must run before any of the app's code, which may
+// open the files a swap at launch moves. The ordinals of the libraries after it move up by one,
+// and the binding information with them; where it cannot follow in place, the command goes
+// after all the others, as the last library. Nothing when it goes last.
+std::optional<LoadPlace> placeLoadCommand(const MachFile& file, const Slice& slice,
+                                          const CommandScan& scan, SliceEdit& edit) {
+  std::optional<LoadPlace> place = scan.firstAppLibrary ? scan.firstAppLibrary : scan.firstLibrary;
+  if (!place) return std::nullopt;
+  auto ordinals =
+      renumberLibraryOrdinals(file, slice.offset, slice.size, scan.ordinals, place->ordinal);
+  if (!ordinals) return std::nullopt;
+  edit.ordinals = std::move(*ordinals);
+  edit.loadsFirst = true;
+  return place;
+}
+
+// The new header and load commands of one slice: the old commands but the signature's, with the
+// library's among them (placeLoadCommand) and its run path's last, all before the first
+// section's bytes.
 SliceEdit editSlice(const MachFile& file, const Slice& slice, const SliceHeaders& headers,
                     const CommandScan& scan, const DylibToLoad& dylib) {
   SliceEdit edit;
@@ -260,11 +318,23 @@ SliceEdit editSlice(const MachFile& file, const Slice& slice, const SliceHeaders
   edit.size = cut.sliceSize;
   edit.clearedSignature = std::move(cut.cleared);
   edit.signatureRemoved = scan.signature.has_value();
+  const std::optional<LoadPlace> place = placeLoadCommand(file, slice, scan, edit);
+
+  DylibCommand load;
+  load.cmdsize = paddedCommandSize(DylibCommand::kSize, dylib.name);
+  load.name = dylib.name;
+  load.timestamp = 2;  // what linkers write
+  load.currentVersion = dylib.currentVersion;
+  load.compatibilityVersion = dylib.compatibilityVersion;
 
   std::string commands;
   MachHeader64 header = headers.header;
   header.ncmds = 0;
   for (const CommandAt& at : headers.list) {
+    if (place && at.position == place->position) {
+      write(commands, load);
+      ++header.ncmds;
+    }
     if (scan.signature && at.position == scan.signature->position) continue;
     if (cut.linkedit && at.position == scan.linkedit->position) {
       write(commands, *cut.linkedit);
@@ -274,15 +344,11 @@ SliceEdit editSlice(const MachFile& file, const Slice& slice, const SliceHeaders
     }
     ++header.ncmds;
   }
-  const std::size_t kept = commands.size();
-  DylibCommand load;
-  load.cmdsize = paddedCommandSize(DylibCommand::kSize, dylib.name);
-  load.name = dylib.name;
-  load.timestamp = 2;  // what linkers write
-  load.currentVersion = dylib.currentVersion;
-  load.compatibilityVersion = dylib.compatibilityVersion;
-  write(commands, load);
-  ++header.ncmds;
+  const std::size_t kept = commands.size() - (place ? load.cmdsize : 0);
+  if (!place) {
+    write(commands, load);
+    ++header.ncmds;
+  }
   if (!scan.hasRunPath) {
     RpathCommand rpath;
     rpath.cmdsize = paddedCommandSize(RpathCommand::kSize, dylib.rpath);
@@ -327,6 +393,7 @@ DylibInsertion planDylibInsertion(const MachFile& file, const DylibToLoad& dylib
   const Layout layout = readLayout(file);
   DylibInsertion insertion;
   insertion.alreadyLoaded = true;
+  insertion.loadsFirst = true;
   std::vector<FatArch> archs = layout.archs;
   for (const Slice& slice : layout.arm64) {
     const SliceHeaders headers = readSliceHeaders(file, slice);
@@ -336,10 +403,12 @@ DylibInsertion planDylibInsertion(const MachFile& file, const DylibToLoad& dylib
     const CommandScan scan = scanCommands(file, headers, dylib);
     if (scan.loadsLibrary) continue;
     SliceEdit edit = editSlice(file, slice, headers, scan, dylib);
+    insertion.loadsFirst &= edit.loadsFirst;
     insertion.alreadyLoaded = false;
     insertion.signatureRemoved |= edit.signatureRemoved;
     insertion.rpathAdded |= edit.rpathAdded;
     insertion.patches.push_back({slice.offset, std::move(edit.headers)});
+    for (FilePatch& patch : edit.ordinals) insertion.patches.push_back(std::move(patch));
     if (edit.clearedSignature) insertion.patches.push_back(std::move(*edit.clearedSignature));
     if (edit.size == slice.size) continue;
     // A shorter slice: the file is cut where the slice ended it, otherwise the freed bytes are

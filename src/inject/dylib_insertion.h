@@ -53,6 +53,9 @@ struct DylibInsertion {
   bool alreadyLoaded = false;              ///< every arm64 slice loads the library: no changes
   bool signatureRemoved = false;
   bool rpathAdded = false;
+  /// Every changed slice loads the library before the app's own libraries, so that its
+  /// initializer runs before theirs; false when one could only load it last.
+  bool loadsFirst = false;
 };
 
 /// The identity of the library in `file`: a thin or fat Mach-O dylib with arm64 code. Throws
@@ -60,7 +63,10 @@ struct DylibInsertion {
 DylibIdentity readDylibIdentity(const MachFile& file);
 
 /// Plans adding `dylib` to every arm64 slice of the executable in `file`, thin or fat: an
-/// LC_LOAD_DYLIB after the last load command, an LC_RPATH when the slice has no such run path,
+/// LC_LOAD_DYLIB before the first library the app ships itself (any but those under /System/ and
+/// /usr/lib/), or before the first library when it ships none, with the library ordinals of the
+/// binding information and the symbol table renumbered to match (or after the last load command
+/// when they cannot be renumbered in place); an LC_RPATH when the slice has no such run path;
 /// and the LC_CODE_SIGNATURE removed, its blob cut from the end of __LINKEDIT. A slice that
 /// already loads a library of the same file name is left as it is. Throws StowInjectError: not a
 /// Mach-O file, damaged, no arm64 code, not an executable, encrypted (cryptid other than 0), or

@@ -190,6 +190,33 @@ std::optional<LinkeditDataCommand> readLinkeditDataCommand(std::string_view comm
   return data;
 }
 
+std::optional<SymtabCommand> readSymtabCommand(std::string_view command) {
+  MachCursor cursor(command, ByteOrder::little);
+  SymtabCommand symtab;
+  symtab.cmd = cursor.get32();
+  symtab.cmdsize = cursor.get32();
+  symtab.symoff = cursor.get32();
+  symtab.nsyms = cursor.get32();
+  symtab.stroff = cursor.get32();
+  symtab.strsize = cursor.get32();
+  if (!cursor.ok()) return std::nullopt;
+  return symtab;
+}
+
+std::optional<DyldInfoCommand> readDyldInfoCommand(std::string_view command) {
+  MachCursor cursor(command, ByteOrder::little);
+  DyldInfoCommand info;
+  info.cmd = cursor.get32();
+  info.cmdsize = cursor.get32();
+  for (std::uint32_t* field : {&info.rebaseOff, &info.rebaseSize, &info.bindOff, &info.bindSize,
+                               &info.weakBindOff, &info.weakBindSize, &info.lazyBindOff,
+                               &info.lazyBindSize, &info.exportOff, &info.exportSize}) {
+    *field = cursor.get32();
+  }
+  if (!cursor.ok()) return std::nullopt;
+  return info;
+}
+
 std::optional<EncryptionInfoCommand64> readEncryptionInfoCommand64(std::string_view command) {
   MachCursor cursor(command, ByteOrder::little);
   EncryptionInfoCommand64 info;

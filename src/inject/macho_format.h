@@ -24,6 +24,7 @@ constexpr std::uint32_t kFileTypeExecute = 0x2;      // MH_EXECUTE
 constexpr std::uint32_t kFileTypeDylib = 0x6;        // MH_DYLIB
 
 constexpr std::uint32_t kRequiredByDyld = 0x80000000;  // LC_REQ_DYLD
+constexpr std::uint32_t kSymtab = 0x2;                 // LC_SYMTAB
 constexpr std::uint32_t kLoadDylib = 0xC;              // LC_LOAD_DYLIB
 constexpr std::uint32_t kIdDylib = 0xD;                // LC_ID_DYLIB
 constexpr std::uint32_t kLoadWeakDylib = 0x18 | kRequiredByDyld;
@@ -35,6 +36,9 @@ constexpr std::uint32_t kLazyLoadDylib = 0x20;
 constexpr std::uint32_t kEncryptionInfo = 0x21;
 constexpr std::uint32_t kLoadUpwardDylib = 0x23 | kRequiredByDyld;
 constexpr std::uint32_t kEncryptionInfo64 = 0x2C;
+constexpr std::uint32_t kDyldInfo = 0x22;  // LC_DYLD_INFO
+constexpr std::uint32_t kDyldInfoOnly = 0x22 | kRequiredByDyld;
+constexpr std::uint32_t kDyldChainedFixups = 0x34 | kRequiredByDyld;
 
 constexpr std::uint32_t kSectionTypeMask = 0xFF;      // SECTION_TYPE
 constexpr std::uint32_t kZeroFill = 0x1;              // S_ZEROFILL: no bytes in the file
@@ -128,6 +132,36 @@ struct RpathCommand {
   std::string path;
 };
 
+/// The symbol table and its strings (symtab_command); each symbol is an nlist_64 of kNlistSize.
+struct SymtabCommand {
+  static constexpr std::size_t kSize = 24;
+  static constexpr std::size_t kNlistSize = 16;
+  std::uint32_t cmd = kSymtab;
+  std::uint32_t cmdsize = 0;
+  std::uint32_t symoff = 0;
+  std::uint32_t nsyms = 0;
+  std::uint32_t stroff = 0;
+  std::uint32_t strsize = 0;
+};
+
+/// Where dyld's compressed information lies (dyld_info_command): rebasing, binding, weak and
+/// lazy binding, and the exports.
+struct DyldInfoCommand {
+  static constexpr std::size_t kSize = 48;
+  std::uint32_t cmd = kDyldInfoOnly;
+  std::uint32_t cmdsize = 0;
+  std::uint32_t rebaseOff = 0;
+  std::uint32_t rebaseSize = 0;
+  std::uint32_t bindOff = 0;
+  std::uint32_t bindSize = 0;
+  std::uint32_t weakBindOff = 0;
+  std::uint32_t weakBindSize = 0;
+  std::uint32_t lazyBindOff = 0;
+  std::uint32_t lazyBindSize = 0;
+  std::uint32_t exportOff = 0;
+  std::uint32_t exportSize = 0;
+};
+
 /// Where a blob of __LINKEDIT lies, such as the code signature (linkedit_data_command).
 struct LinkeditDataCommand {
   static constexpr std::size_t kSize = 16;
@@ -195,6 +229,8 @@ std::optional<Section64> readSection64(MachCursor& cursor);
 std::optional<DylibCommand> readDylibCommand(std::string_view command);
 std::optional<RpathCommand> readRpathCommand(std::string_view command);
 std::optional<LinkeditDataCommand> readLinkeditDataCommand(std::string_view command);
+std::optional<SymtabCommand> readSymtabCommand(std::string_view command);
+std::optional<DyldInfoCommand> readDyldInfoCommand(std::string_view command);
 std::optional<EncryptionInfoCommand64> readEncryptionInfoCommand64(std::string_view command);
 
 // One write function per record that is written back: the fat table big-endian, the rest

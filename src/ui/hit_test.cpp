@@ -17,7 +17,7 @@ bool inOneFingerStrip(double safeAreaTop, double y) {
 
 bool holdTakesTouch(bool stripRecognizer, const std::optional<StowWindowTouch>& touch) {
   if (!stripRecognizer || !touch) return true;
-  return inOneFingerStrip(touch->safeAreaTop, touch->y);
+  return !touch->statusBarHidden && inOneFingerStrip(touch->safeAreaTop, touch->y);
 }
 
 }  // namespace corvelstow

@@ -26,16 +26,20 @@ bool overlayTakesPoint(const StowModel* model, bool panelPresented, StowPoint po
 /// down to 40 points below it, both edges included.
 bool inOneFingerStrip(double safeAreaTop, double y);
 
-/// A touch as a hold recognizer on a host window sees it: the window's top safe-area inset and
-/// the touch's height in the window.
+/// A touch as a hold recognizer on a host window sees it: the window's top safe-area inset, the
+/// touch's height in the window, and whether the app hides the status bar.
 struct StowWindowTouch {
   double safeAreaTop = 0;
   double y = 0;
+  bool statusBarHidden = false;
 };
 
 /// Whether a hold recognizer takes a touch (gestureRecognizer:shouldReceiveTouch:). The
 /// three-finger hold takes every touch; a one-finger (strip) hold takes one only in the strip
 /// (inOneFingerStrip), unless its view is not a window (`touch` absent), when it takes all.
+/// While the app hides the status bar (a game, a video, a landscape iPhone) the strip is not
+/// armed at all: there the top of the screen holds the app's own controls, and the strip would
+/// take their touches.
 bool holdTakesTouch(bool stripRecognizer, const std::optional<StowWindowTouch>& touch);
 
 }  // namespace corvelstow

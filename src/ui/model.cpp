@@ -1,12 +1,15 @@
 #include "ui/model.h"
 
 #include <array>
+#include <atomic>
+#include <cerrno>
 #include <cstdint>
 #include <random>
 
 #include "backup/backup.h"
 #include "backup/inspection.h"
 #include "backup/staging.h"
+#include "base/file_error.h"
 #include "base/files.h"
 #include "platform/platform.h"
 #include "startup/undo.h"
@@ -69,6 +72,7 @@ void StowModel::stopObserving(int token) {
 }
 
 void StowModel::notify(Field field, const StowAnimation& animation) {
+  if (field == Field::work || field == Field::panelShown) keepScreenAwakeWhileWatched();
   // A copy, so that an observer may come or go while others are told.
   auto observers = observers_;
   for (const auto& [token, observer] : observers) observer(field, animation);
@@ -94,15 +98,32 @@ void StowModel::cancelHide() {
 
 void StowModel::showPill(Pill pill, double seconds) {
   cancelHide();
+  pillSeconds_ = seconds;
   setPill(std::move(pill), StowAnimation::spring());
+  if (!voiceOverRunning_) scheduleHide();
+}
+
+void StowModel::scheduleHide() {
   // The task holds the model weakly: a model that is gone by then is left alone.
   std::weak_ptr<StowModel> weak = weak_from_this();
-  hideTask_ = dispatcher_.after(seconds, [weak] {
+  hideTask_ = dispatcher_.after(pillSeconds_, [weak] {
     if (auto model = weak.lock()) {
       model->hideTask_.reset();
       model->setPill(Pill::none(), StowAnimation::easeInOut());
     }
   });
+}
+
+void StowModel::dismissPill() {
+  cancelHide();
+  setPill(Pill::none(), StowAnimation::easeInOut());
+}
+
+void StowModel::setVoiceOverRunning(bool running) {
+  if (running == voiceOverRunning_) return;
+  voiceOverRunning_ = running;
+  cancelHide();
+  if (!running && !pill_.isNone()) scheduleHide();
 }
 
 void StowModel::greet() {
@@ -174,6 +195,10 @@ void StowModel::runInBackground(std::function<Continuation()> job) {
 }
 
 StowProgress StowModel::progressFor(const std::string& title) {
+  // Once the system takes the background time back, the app is about to be suspended, and the
+  // work cannot finish: it stops at its next report, cleaning up as after any failure.
+  auto outOfTime = std::make_shared<std::atomic<bool>>(false);
+  backgroundTime_ = appControl_.beginBackgroundTime(title, [outOfTime] { *outOfTime = true; });
   std::weak_ptr<StowModel> weak = weak_from_this();
   progress_ = StowProgressRelay::create(
       dispatcher_, [weak, title](double fraction, const std::string& detail) {
@@ -181,7 +206,8 @@ StowProgress StowModel::progressFor(const std::string& title) {
           model->publish(model->work_, Work::running(title, fraction, detail), Field::work);
         }
       });
-  return [relay = progress_](double fraction, const std::string& detail) {
+  return [relay = progress_, outOfTime](double fraction, const std::string& detail) {
+    if (*outOfTime) throwFileError(ECANCELED, kOutOfTimeText);
     relay->report(fraction, detail);
   };
 }
@@ -189,12 +215,24 @@ StowProgress StowModel::progressFor(const std::string& title) {
 void StowModel::finishProgress() {
   if (progress_) progress_->finish();
   progress_.reset();
+  backgroundTime_.reset();
 }
 
 void StowModel::fail(const std::string& message) {
   finishProgress();
   publish(work_, Work::idle(), Field::work);
   publish(errorText_, std::optional<std::string>(message), Field::errorText);
+  // A staging that failed has cleared the restore staged before it.
+  publish(pending_, readRecord<StowStagedRestore>(layout_.stagedRecord), Field::pending);
+}
+
+void StowModel::keepScreenAwakeWhileWatched() {
+  // Auto-Lock would otherwise lock the screen under the progress the user is watching, and the
+  // app's protected files with it.
+  const bool awake = panelShown_ && !work_.isIdle();
+  if (awake == screenKeptAwake_) return;
+  screenKeptAwake_ = awake;
+  appControl_.keepScreenAwake(awake);
 }
 
 void StowModel::backUp(std::function<void(const std::filesystem::path&)> completion) {
@@ -282,13 +320,34 @@ void StowModel::endPreview() {
 // Closing the app
 
 void StowModel::closeApp() {
+  if (!work_.isIdle() || closing_) return;
+  closing_ = true;
+  auto ended = std::make_shared<bool>(false);
+  // Time to end the process off screen: suspended first, the app would be resumed rather than
+  // launched anew at the next tap on its icon, and what waits would not be applied.
+  // Out of that time, the process ends at once, whatever is still queued.
+  std::shared_ptr<platform::BackgroundTime> time =
+      appControl_.beginBackgroundTime("Closing the app", [&control = appControl_, ended] {
+        *ended = true;
+        control.terminate();
+      });
   appControl_.suspend();
-  // The app is off screen before the process ends, so that the user sees no crash-like exit.
-  dispatcher_.after(kCloseDelay, [&control = appControl_] { control.terminate(); });
+  // The process ends once the app is off screen, so that the user sees no crash-like exit and
+  // the app's own saves on leaving the screen are done; then after what our queue holds, so
+  // that none of our work is cut off half-way.
+  auto end = [&dispatcher = dispatcher_, &control = appControl_, time, ended] {
+    if (std::exchange(*ended, true)) return;
+    dispatcher.inBackground([&dispatcher, &control, time]() mutable {
+      // The background time is let go on the main queue, where it was taken.
+      dispatcher.onMain([&control, time = std::move(time)] { control.terminate(); });
+    });
+  };
+  appControl_.whenInBackground(end);
+  dispatcher_.after(kCloseTimeout, end);
 }
 
 void StowModel::undoAndCloseApp() {
-  if (!previous_) return;
+  if (!previous_ || !work_.isIdle()) return;
   try {
     requestUndo(layout_);
   } catch (const std::exception& error) {

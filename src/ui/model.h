@@ -145,8 +145,13 @@ class StowModel : public std::enable_shared_from_this<StowModel> {
   /// How long each pill stays, in seconds.
   static constexpr double kRestoredSeconds = 15;
   static constexpr double kPillSeconds = 10;
-  /// How long closing the app waits after suspending it before the process ends, in seconds.
-  static constexpr double kCloseDelay = 0.4;
+  /// How long closing the app waits at most for the app to reach the background, in seconds:
+  /// should it stay on screen, the process ends anyway, as the user asked.
+  static constexpr double kCloseTimeout = 2;
+  /// The failure of long work stopped because the system took back the app's background time.
+  static constexpr const char* kOutOfTimeText =
+      "The app was in the background too long, so the work was stopped. Keep the app open "
+      "until it is done.";
 
   /// Creation: reads settings.json, staged.json, previous.json and outcome.json (a missing or
   /// undecodable file leaves the default: the default settings, or no record), and the
@@ -189,8 +194,16 @@ class StowModel : public std::enable_shared_from_this<StowModel> {
   // Actions.
 
   /// Shows `pill` (with the spring) and hides it `seconds` later (ease-in-out), replacing the
-  /// hide of any pill shown before.
+  /// hide of any pill shown before. While VoiceOver runs it stays until the panel opens or it
+  /// is dismissed: a pill that goes by itself may go unheard.
   void showPill(Pill pill, double seconds);
+
+  /// Hides the pill at once (ease-in-out): the VoiceOver user's escape gesture on it.
+  void dismissPill();
+
+  /// Whether VoiceOver runs, as the platform says now and whenever it changes. When it stops, a
+  /// pill still shown gets its time again and then hides.
+  void setVoiceOverRunning(bool running);
 
   /// The announcement after the first scene is attached: an unannounced outcome (marked
   /// announced in outcome.json before it shows, for 15 s), else a waiting restore (10 s), else
@@ -211,7 +224,10 @@ class StowModel : public std::enable_shared_from_this<StowModel> {
   /// Backs up the container in the background, with the saved choice about caches, compressing
   /// on one thread per processor. On success `completion` receives the archive, which also
   /// becomes lastExport; on failure the error's text becomes errorText. Nothing while other
-  /// work runs.
+  /// work runs. Long work (a backup, a staging) holds background time, so that it goes on when
+  /// the screen locks or the user switches apps; should the system take that time back, the
+  /// work stops at its next progress report with kOutOfTimeText. While it runs with the panel
+  /// shown the screen is kept awake.
   void backUp(std::function<void(const std::filesystem::path&)> completion = {});
 
   /// As backUp, with the choice about caches and the number of threads given (the command
@@ -236,13 +252,15 @@ class StowModel : public std::enable_shared_from_this<StowModel> {
 
   void cancelPreview();
 
-  /// Sends the app to the home screen and ends the process 0.4 s later, so that the next
-  /// launch applies what is waiting.
+  /// Sends the app to the home screen and ends the process once it is there (after the app's
+  /// own background handlers, and after what the background queue holds), so that the next
+  /// launch applies what is waiting; kCloseTimeout after suspending at the latest. Nothing while
+  /// work runs: it would end half-way.
   void closeApp();
 
   /// Leaves the undo request for the next launch, then closes the app. Nothing when there is
-  /// no previous restore to undo; when the request cannot be left (another operation holds
-  /// the app's data), errorText says so and the app stays open.
+  /// no previous restore to undo or while work runs; when the request cannot be left (another
+  /// operation holds the app's data), errorText says so and the app stays open.
   void undoAndCloseApp();
 
   /// The two options: each writes through to settings.json at once.
@@ -262,6 +280,8 @@ class StowModel : public std::enable_shared_from_this<StowModel> {
   void publish(T& field, T value, Field name, const StowAnimation& animation = {});
   void setPill(Pill pill, const StowAnimation& animation);
   void cancelHide();
+  void scheduleHide();
+  void keepScreenAwakeWhileWatched();
   void readRecords();
   void changeSettings(const std::function<void(StowSettings&)>& change);
   void runInBackground(std::function<Continuation()> job);
@@ -291,7 +311,12 @@ class StowModel : public std::enable_shared_from_this<StowModel> {
 
   StowRect pillFrame_;
   std::shared_ptr<platform::DelayedTask> hideTask_;
-  std::shared_ptr<StowProgressRelay> progress_;  ///< the running work's progress
+  double pillSeconds_ = 0;  ///< how long the pill shown last stays
+  bool voiceOverRunning_ = false;
+  bool screenKeptAwake_ = false;
+  bool closing_ = false;
+  std::shared_ptr<StowProgressRelay> progress_;               ///< the running work's progress
+  std::unique_ptr<platform::BackgroundTime> backgroundTime_;  ///< the running work's
   std::vector<std::pair<int, Observer>> observers_;
   int nextToken_ = 0;
 };

@@ -142,7 +142,7 @@ class PanelBuilder {
         {Content::Text{std::string(title(pending.scope)) + " from " + pending.manifest.appName, ""},
          Content::Text{"Backed up " + format_.relativeDate(pending.manifest.createdAt, now_), ""},
          Content::Text{kCloseToFinish, "", Style::note},
-         Content::Button{"Close App", "power", StowPanelAction::closeApp}}};
+         Content::Button{"Close App", "power", StowPanelAction::closeApp, !busy_}}};
   }
 
   // The outcome of outcome.json, and the undo while the data it replaced is kept.
@@ -159,7 +159,7 @@ class PanelBuilder {
     if (model_.previous()) {
       section.rows.push_back(Content::Text{kUndoExplained, ""});
       section.rows.push_back(Content::Button{"Undo and Close App", "arrow.uturn.backward",
-                                             StowPanelAction::undoAndCloseApp});
+                                             StowPanelAction::undoAndCloseApp, !busy_});
     }
     return section;
   }

@@ -49,14 +49,17 @@ std::optional<StowPillContent> pillContent(const StowModel::Pill& pill) {
   return std::visit(PillVisitor{}, pill.state);
 }
 
-double pillWidth(double safeAreaWidth) {
-  return std::clamp(safeAreaWidth - 2 * pill_layout::kSideMargin, 0.0, pill_layout::kMaxWidth);
+double pillWidth(double safeAreaWidth, double contentWidth) {
+  const double room =
+      std::min(safeAreaWidth - 2 * pill_layout::kSideMargin, pill_layout::kMaxWidth);
+  return std::max(std::min(contentWidth, room), 0.0);
 }
 
-StowRect pillFrame(const StowRect& safeArea, double height) {
+StowRect pillFrame(const StowRect& safeArea, double width, double height) {
   StowRect area = safeArea.standardized();
-  double width = pillWidth(area.width);
   return {area.x + (area.width - width) / 2, area.y + pill_layout::kTopMargin, width, height};
 }
+
+double hairline(double displayScale) { return displayScale > 0 ? 1 / displayScale : 1; }
 
 }  // namespace corvelstow

@@ -48,7 +48,11 @@ inline constexpr double kButtonSize = 13;        ///< semibold, on the tint
 inline constexpr double kButtonPaddingX = 14;
 inline constexpr double kButtonPaddingY = 7;
 inline constexpr double kShadowOpacity = 0.35;  ///< black
-inline constexpr int kTitleLines = 2;           ///< longer texts end in an ellipsis
+/// The texts and the symbol follow the user's text size (Dynamic Type) up to this many times
+/// their size above, so that at the accessibility sizes the card stays one row under the
+/// status bar rather than covering the app.
+inline constexpr double kLargestTextScale = 1.35;
+inline constexpr int kTitleLines = 2;  ///< longer texts end in an ellipsis
 inline constexpr int kSubtitleLines = 2;
 // The card: a rounded rectangle with a thin stroke, over a shadow.
 inline constexpr double kCornerRadius = 22;
@@ -63,14 +67,20 @@ inline constexpr double kSideMargin = 12;  ///< at least this far from the safe 
 inline constexpr double kTopMargin = 8;    ///< below the safe area's top
 }  // namespace pill_layout
 
-/// The pill's width in a safe area `safeAreaWidth` points wide: the width less the side
-/// margins, never more than kMaxWidth, never negative.
-double pillWidth(double safeAreaWidth);
+/// The pill's width in a safe area `safeAreaWidth` points wide, for content that needs
+/// `contentWidth` points on one line: that width, but never more than the safe area less the
+/// side margins nor kMaxWidth, and never negative. A pill no wider than its content leaves the
+/// navigation bar's leading and trailing buttons beside it within reach.
+double pillWidth(double safeAreaWidth, double contentWidth);
 
-/// The pill's frame, `height` points high, in the coordinates of `safeArea` (the overlay
-/// window's bounds less its safe-area insets): pillWidth wide, centred across the safe area,
-/// kTopMargin below its top.
-StowRect pillFrame(const StowRect& safeArea, double height);
+/// The pill's frame, `width` by `height` points, in the coordinates of `safeArea` (the overlay
+/// window's bounds less its safe-area insets): centred across the safe area, kTopMargin below
+/// its top.
+StowRect pillFrame(const StowRect& safeArea, double width, double height);
+
+/// The width of a one-pixel line on a screen of `displayScale` pixels per point (a trait
+/// collection's displayScale, 0 while it is not known yet: then one point).
+double hairline(double displayScale);
 
 /// What the pill shows for `pill`; nothing for `none`, when nothing is drawn.
 std::optional<StowPillContent> pillContent(const StowModel::Pill& pill);

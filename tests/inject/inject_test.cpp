@@ -64,7 +64,17 @@ std::uint64_t field(const std::string& block, const std::string& name) {
   return match.empty() ? 0 : std::stoull(match[1]);
 }
 
-// What the load commands of an executable become, but for the two added last: its signature's
+// The binding information as llvm-objdump and llvm-nm resolve it: each import with the name of
+// the library its ordinal names.
+std::string bindings(const fs::path& file) {
+  auto dump = runProcess({"llvm-objdump-16", "--macho", "--arch", "arm64", "--bind", "--lazy-bind",
+                          "--weak-bind", "--dyld-info", file.string()});
+  auto symbols = runProcess({"llvm-nm-16", "-m", "-u", "--arch", "arm64", file.string()});
+  EXPECT_EQ(dump.exitCode + symbols.exitCode, 0) << dump.err << symbols.err;
+  return dump.out.substr(dump.out.find('\n')) + symbols.out;
+}
+
+// What the load commands of an executable become, but for the two added: its signature's
 // command is gone, and the __LINKEDIT before it ends where the signature began.
 std::vector<std::string> withoutSignature(const std::vector<std::string>& before) {
   std::vector<std::string> after;
@@ -86,6 +96,18 @@ std::vector<std::string> withoutSignature(const std::vector<std::string>& before
 
 bool holds(const std::string& block, const std::string& text) {
   return block.find(text) != block.npos;
+}
+
+// The position of the first command that loads a library of the app's own (not the system's),
+// else of the first that loads a library.
+std::size_t firstAppLibrary(const std::vector<std::string>& commands) {
+  std::optional<std::size_t> first;
+  for (std::size_t i = 0; i < commands.size(); ++i) {
+    if (!holds(commands[i], "cmd LC_LOAD_DYLIB\n")) continue;
+    if (!holds(commands[i], "name /usr/lib/") && !holds(commands[i], "name /System/")) return i;
+    if (!first) first = i;
+  }
+  return first.value_or(commands.size());
 }
 
 std::vector<std::string> namesIn(const fs::path& folder) {
@@ -173,14 +195,31 @@ class InjectTest : public ::testing::Test {
   fs::path library_;
 };
 
-// A thin executable, a signed one, one with the run path already, and a fat one (armv7 beside a
-// signed arm64, binary Info.plist): the library lands in Frameworks/, the arm64 code loads it
-// through the run path, every other command is as it was but the signature's, and a second run
-// changes nothing.
-TEST_F(InjectTest, AddsTheLibraryToThinAndFatExecutablesOnce) {
-  const fs::path thin = executable("thin"),
-                 signedThin = executable("signed", {"-Wl,-adhoc_codesign"});
+// A thin executable that loads only libSystem, a signed one that loads libz and a framework of
+// its own, one with the run path already, one with chained fixups, a fat one (armv7 beside the
+// signed arm64, binary Info.plist), and one whose framework is its fifteenth library: the library
+// lands in Frameworks/, and the arm64 code loads it through the run path before the app's own
+// framework (or first of all when it has none), every import still bound to its library; but for
+// the fifteenth, whose ordinal its lazy binding writes in four bits, where it goes last. Every
+// other command is as it was but the signature's, and a second run changes nothing.
+TEST_F(InjectTest, AddsTheLibraryToThinAndFatExecutablesOnceBeforeTheAppsOwnFrameworks) {
+  build("Helper", "int helper(void) { return 42; }\n",
+        {"-dynamiclib", "-install_name", "@rpath/Helper.framework/Helper"});
+  auto withHelper = [&](const std::string& name, std::vector<std::string> flags) {
+    flags.push_back((folder_ / "Helper").string());
+    return build(name, "int helper(void);\nint main(void) { return helper(); }\n", flags);
+  };
+  const fs::path thin = executable("thin");
+  const fs::path signedThin = withHelper("signed", {"-lz", "-Wl,-adhoc_codesign"});
   const fs::path withRunPath = executable("rpath", {"-Wl,-rpath," + std::string(kRunPath) + "/"});
+  const fs::path chained = withHelper("chained", {"-lz", "-Wl,-fixup_chains"});
+  std::vector<std::string> fourteen = {"-lz",     "-lsqlite3", "-lxml2",       "-lbz2",
+                                       "-liconv", "-lresolv",  "-lcompression"};
+  for (const char* framework : {"Foundation", "CoreFoundation", "UIKit", "CoreGraphics",
+                                "QuartzCore", "Security", "CoreText"}) {
+    fourteen.insert(fourteen.end(), {"-framework", framework});
+  }
+  const fs::path fifteenth = withHelper("fifteenth", fourteen);
   const fs::path armv7 =
       build("armv7", "int main(void) { return 0; }\n", {}, "armv7-apple-ios10.0");
   const fs::path fat = folder_ / "fat";
@@ -188,39 +227,49 @@ TEST_F(InjectTest, AddsTheLibraryToThinAndFatExecutablesOnce) {
       {"llvm-lipo-16", "-create", armv7.string(), signedThin.string(), "-output", fat.string()});
   ASSERT_EQ(lipo.exitCode, 0) << lipo.err;
 
-  for (const fs::path& built : {thin, signedThin, withRunPath, fat}) {
+  for (const fs::path& built : {thin, signedThin, withRunPath, chained, fat, fifteenth}) {
     SCOPED_TRACE(built.filename().string());
     const fs::path parent = folder_ / ("apps-" + built.filename().string());
     const fs::path app = makeApp(parent, "Notes", readFile(built), built == fat);
     const auto original = readTree(app);
     const bool isSigned = built == signedThin || built == fat;
-    const std::size_t added = built == withRunPath ? 1 : 2;
+    const bool first = built != fifteenth;
 
     auto result = inject(app);
     ASSERT_EQ(result.exitCode, 0) << result.err;
     const fs::path output = parent / "Notes-corvelstow.app";
-    EXPECT_EQ(result.out, "Wrote " + output.string() + ": its executable Notes loads " +
-                              "libcorvelstow.dylib from Frameworks.\nSign the app with your "
-                              "certificate before installing it" +
-                              (isSigned ? "; its old signature was removed.\n" : ".\n"));
+    EXPECT_EQ(result.out,
+              "Wrote " + output.string() + ": its executable Notes loads libcorvelstow.dylib " +
+                  "from Frameworks.\n" +
+                  (first ? ""
+                         : "The app's own frameworks start before it: the executable's binding "
+                           "information has no room to load it first.\n") +
+                  "Sign the app with your certificate before installing it" +
+                  (isSigned ? "; its old signature was removed.\n" : ".\n"));
     EXPECT_EQ(readTree(app), original);
     EXPECT_EQ(readFile(output / "Frameworks/libcorvelstow.dylib"), readFile(library_));
     EXPECT_EQ(fs::status(output / "Frameworks/libcorvelstow.dylib").permissions(), fs::perms(0755));
     EXPECT_EQ(fs::status(output / "Notes").permissions(), fs::perms(0755));
     EXPECT_EQ(readFile(output / "Base.lproj/Main.strings"), original.at("Base.lproj/Main.strings"));
 
+    // The commands as they were, the library's where it goes and the run path's last.
+    std::vector<std::string> expected = withoutSignature(loadCommands(app / "Notes"));
     std::vector<std::string> commands = loadCommands(output / "Notes");
-    ASSERT_GE(commands.size(), added);
-    const std::string load = commands.end()[-added], rpath = commands.back();
-    commands.resize(commands.size() - added);
-    EXPECT_EQ(commands, withoutSignature(loadCommands(app / "Notes")));
+    const std::size_t at = first ? firstAppLibrary(expected) : expected.size();
+    ASSERT_LT(at, commands.size());
+    const std::string load = commands[at];
     EXPECT_TRUE(holds(load, "cmd LC_LOAD_DYLIB\n") && holds(load, "cmdsize 56\n") &&
                 holds(load, "name @rpath/libcorvelstow.dylib (offset 24)\n"))
         << load;
-    if (added == 2) {
+    expected.insert(expected.begin() + static_cast<std::ptrdiff_t>(at), load);
+    if (built != withRunPath) {
+      const std::string rpath = commands.back();
       EXPECT_TRUE(holds(rpath, "cmd LC_RPATH\n") && holds(rpath, std::string("path ") + kRunPath))
           << rpath;
+      expected.push_back(rpath);
     }
+    EXPECT_EQ(commands, expected);
+    EXPECT_EQ(bindings(output / "Notes"), bindings(app / "Notes"));
     // The signature's bytes are cut from the end of the file, the fat table shortened to match.
     EXPECT_EQ(fs::file_size(output / "Notes") < fs::file_size(built), isSigned);
 

@@ -1,11 +1,14 @@
 // Where the overlay goes as scenes come, go and are held; which windows get the holds; which
-// window is the app's front window; and the one greeting.
+// window is the app's front window and which of its controllers decides for the screen; when
+// the overlay window is shown and the panel presented; and the one greeting.
 
 #include "ui/attachments.h"
 
 #include <gtest/gtest.h>
 
 #include <tuple>
+
+#include "ui/presentation.h"
 
 namespace corvelstow {
 namespace {
@@ -70,6 +73,52 @@ TEST(AttachmentsTest, TheFrontWindowIsTheOneKeyBeforeThePanelElseTheKeyElseTheFi
   };
   for (const auto& [name, windows, expected] : cases) {
     EXPECT_EQ(StowAttachments::frontHostWindow(windows), expected) << name;
+  }
+}
+
+TEST(PresentationTest, APresentedControllerDecidesOnlyWhenItCoversTheWindowOrCapturesTheBar) {
+  using P = StowPresented;
+  using S = P::Style;
+  const P root{}, fullScreen{S::fullScreen}, over{S::overFullScreen}, sheet{S::other};
+  const P capturingSheet{S::other, true}, capturingOver{S::overFullScreen, true};
+  // The chain from the root up, and who decides the status bar and the window's other traits.
+  const std::vector<std::tuple<const char*, std::vector<P>, std::size_t, std::size_t>> cases{
+      {"nothing presented", {root}, 0, 0},
+      // A game with a hidden status bar presents a page sheet: the game still decides.
+      {"a sheet", {root, sheet}, 0, 0},
+      {"a sheet capturing the status bar", {root, capturingSheet}, 1, 0},
+      {"full screen", {root, fullScreen}, 1, 1},
+      {"over full screen", {root, over}, 0, 1},
+      {"over full screen, capturing", {root, capturingOver}, 1, 1},
+      {"a sheet over a full-screen one", {root, fullScreen, sheet}, 1, 1},
+      {"a full-screen one over a sheet", {root, sheet, fullScreen}, 2, 2},
+      {"no window", {}, 0, 0},
+  };
+  for (const auto& [name, chain, statusBar, window] : cases) {
+    EXPECT_EQ(decidingPresented(chain, StowHostDecision::statusBar), statusBar) << name;
+    EXPECT_EQ(decidingPresented(chain, StowHostDecision::window), window) << name;
+  }
+}
+
+TEST(PresentationTest, TheWindowShowsOnlyWhatItHoldsAndThePanelFollowsTheModel) {
+  using F = StowOverlayFacts;
+  using Step = StowPanelStep;
+  // Whether the model shows the panel, the facts, and the plan.
+  const std::vector<std::tuple<const char*, bool, F, StowOverlayPlan>> cases{
+      {"nothing to show", false, {}, {false, Step::none}},
+      {"a pill, or one fading out", false, {true}, {true, Step::none}},
+      {"the panel opens", true, {}, {true, Step::present}},
+      {"the panel is up", true, {false, true}, {true, Step::none}},
+      {"the panel closes", false, {false, true}, {true, Step::dismiss}},
+      {"the panel is going", false, {false, false, false, true}, {true, Step::none}},
+      {"the panel is coming", true, {false, false, false, true}, {true, Step::none}},
+      // The app presented on the overlay's controller: the panel cannot go there, so the model
+      // lets go of it, and the next hold opens it again.
+      {"the app's controller is there", true, {false, false, true}, {true, Step::closeInModel}},
+      {"the app's controller stays", false, {false, false, true}, {true, Step::none}},
+  };
+  for (const auto& [name, panelShown, facts, expected] : cases) {
+    EXPECT_EQ(planOverlay(panelShown, facts), expected) << name;
   }
 }
 

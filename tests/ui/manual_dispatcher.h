@@ -40,6 +40,13 @@ class ManualDispatcher final : public platform::Dispatcher {
     }
   }
 
+  /// Drops everything queued and every timer, unrun.
+  void drop() {
+    main_.clear();
+    background_.clear();
+    timers_.clear();
+  }
+
   /// Moves the clock forward by `seconds`; each delayed task due by then runs at its due time,
   /// in order, followed by the main queue.
   void advance(double seconds) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -21,19 +22,53 @@ namespace corvelstow::testing {
 /// What the model asked of the app, with the manual clock's time of each call.
 using Calls = std::vector<std::pair<std::string, double>>;
 
-/// Stands in for UIKit: records what the model asked of the app.
+/// Stands in for UIKit: records what the model asked of the app, and lets a test take the
+/// app's background time back or send it to the background.
 class RecordingAppControl final : public platform::AppControl {
  public:
   explicit RecordingAppControl(const ManualDispatcher& clock) : clock_(clock) {}
 
-  void impactHaptic() override { calls.emplace_back("haptic", clock_.now()); }
-  void suspend() override { calls.emplace_back("suspend", clock_.now()); }
-  void terminate() override { calls.emplace_back("terminate", clock_.now()); }
+  void impactHaptic() override { record("haptic"); }
+  void suspend() override { record("suspend"); }
+  void terminate() override { record("terminate"); }
+  void keepScreenAwake(bool awake) override { record(awake ? "awake" : "may sleep"); }
+  void whenInBackground(std::function<void()> then) override { inBackground_ = std::move(then); }
+
+  /// Recorded as "begin {name}", and "end {name}" when the time ends.
+  std::unique_ptr<platform::BackgroundTime> beginBackgroundTime(
+      const std::string& name, std::function<void()> expired) override {
+    record("begin " + name);
+    expire_ = std::move(expired);
+    return std::make_unique<Time>(*this, name);
+  }
+
+  /// The system takes back the background time last begun.
+  void expire() { std::exchange(expire_, nullptr)(); }
+  /// The app has reached the background since the model asked to be told.
+  void enterBackground() { std::exchange(inBackground_, nullptr)(); }
+  /// Forgets what it was handed, then what it recorded.
+  void reset() {
+    expire_ = nullptr;
+    inBackground_ = nullptr;
+    calls.clear();
+  }
 
   Calls calls;
 
  private:
+  struct Time final : platform::BackgroundTime {
+    Time(RecordingAppControl& control, std::string name)
+        : control(control), name(std::move(name)) {}
+    ~Time() override { control.record("end " + name); }
+    RecordingAppControl& control;
+    std::string name;
+  };
+
+  void record(const std::string& call) { calls.emplace_back(call, clock_.now()); }
+
   const ManualDispatcher& clock_;
+  std::function<void()> expire_;
+  std::function<void()> inBackground_;
 };
 
 /// A restore outcome as the launch-time swap writes it.
@@ -75,6 +110,12 @@ class ModelFixture : public ::testing::Test {
     fs::create_directories(layout.documents);
     fs::create_directories(layout.library);
     launch();
+  }
+
+  void TearDown() override {
+    // What the queues still hold may hold the app control's background time, which records to
+    // the control: it goes before the control does.
+    dispatcher.drop();
   }
 
   /// A fresh model on the same container, as at the next launch.

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <regex>
 #include <tuple>
 
@@ -285,13 +286,20 @@ TEST(ProgressRelayTest, DeliversTheLatestReportAtMostEveryIntervalAndTheLastAlwa
   EXPECT_DOUBLE_EQ(delivered[3].second, then);
 }
 
-TEST_F(ModelTest, ClosingSuspendsAtOnceAndEndsTheProcessLaterAndUndoNeedsAPreviousRestore) {
+TEST_F(ModelTest, UndoNeedsAPreviousRestoreAndIdleWorkAndLeavesTheRequestBeforeClosing) {
   model->undoAndCloseApp();  // nothing to undo
   EXPECT_TRUE(control.calls.empty());
   EXPECT_FALSE(fs::exists(layout.undoRequest));
 
   writeRecord(stagedRestore("Notes", StowRestoreScope::everything), layout.previousRecord);
   model->reload();
+  model->backUp();  // nothing closes the app while work runs
+  model->closeApp();
+  model->undoAndCloseApp();
+  EXPECT_EQ(control.calls, (Calls{{"begin Backing up", 0}}));
+  EXPECT_FALSE(fs::exists(layout.undoRequest));
+  dispatcher.settle();
+  control.calls.clear();
   {
     // While another operation holds the app's data, the app stays open and says so.
     auto busy = StowContainerLock::acquire(layout);
@@ -302,9 +310,122 @@ TEST_F(ModelTest, ClosingSuspendsAtOnceAndEndsTheProcessLaterAndUndoNeedsAPrevio
   }
   model->undoAndCloseApp();
   EXPECT_TRUE(fs::exists(layout.undoRequest));
-  EXPECT_EQ(control.calls, (Calls{{"suspend", 0}}));
-  dispatcher.advance(1);
-  EXPECT_EQ(control.calls, (Calls{{"suspend", 0}, {"terminate", 0.4}}));
+  EXPECT_EQ(control.calls, (Calls{{"begin Closing the app", 0}, {"suspend", 0}}));
+}
+
+TEST_F(ModelTest, ClosingEndsTheProcessOnceTheAppIsInTheBackgroundAndOurQueueIsDone) {
+  // How the app leaves the screen 0.25 s after suspending, and when the process ends.
+  const std::vector<std::tuple<const char*, std::function<void()>, double>> ways{
+      {"reaches the background", [&] { control.enterBackground(); }, 0.25},
+      {"stays on screen", [] {}, StowModel::kCloseTimeout},
+      {"runs out of background time", [&] { control.expire(); }, 0.25},
+  };
+  for (const auto& [name, leave, ended] : ways) {
+    SCOPED_TRACE(name);
+    dispatcher.drop();
+    launch();
+    control.reset();
+    const double start = dispatcher.now();
+    model->closeApp();
+    model->closeApp();                       // once is enough
+    for (int tick = 0; tick < 12; ++tick) {  // 3 s, a quarter at a time
+      if (tick == 1) leave();
+      dispatcher.settle();
+      dispatcher.advance(0.25);
+    }
+    Calls seen;  // but when the background time ends: with the process
+    for (const auto& [call, at] : control.calls) {
+      if (!call.starts_with("end")) seen.emplace_back(call, at - start);
+    }
+    EXPECT_EQ(seen, (Calls{{"begin Closing the app", 0}, {"suspend", 0}, {"terminate", ended}}));
+  }
+  // The end waits for the survey queued before it, unless the background time runs out first.
+  for (bool outOfTime : {false, true}) {
+    launch();
+    model->reload();
+    model->closeApp();
+    control.enterBackground();
+    dispatcher.advance(0);
+    EXPECT_NE(control.calls.back().first, "terminate");
+    if (outOfTime) {
+      control.expire();
+    } else {
+      dispatcher.settle();
+      EXPECT_TRUE(model->usage());
+    }
+    EXPECT_EQ(control.calls.back().first, "terminate");
+  }
+}
+
+TEST_F(ModelTest, LongWorkHoldsBackgroundTimeTillItEndsAndStopsCleanlyWhenTheTimeRunsOut) {
+  const fs::path archive = makeBackup(app, {{"Documents/a.txt", "a"}});
+  auto backUp = [&] { model->backUp(); };
+  auto stage = [&] {
+    model->chooseBackup(archive);
+    dispatcher.settle();
+    model->prepareRestore();
+  };
+  // The work, its title, and whether the system takes its time back while it runs.
+  const std::vector<std::tuple<std::function<void()>, std::string, bool>> cases{
+      {backUp, "Backing up", false},
+      {backUp, "Backing up", true},
+      {stage, "Preparing the restore", false},
+      {stage, "Preparing the restore", true},
+  };
+  for (const auto& [start, title, expires] : cases) {
+    SCOPED_TRACE(title + (expires ? ", out of time" : ""));
+    fs::remove_all(layout.workFolder);
+    fs::remove_all(layout.exports);
+    launch();
+    control.calls.clear();
+    start();
+    EXPECT_EQ(control.calls, (Calls{{"begin " + title, 0}}));
+    if (expires) control.expire();
+    dispatcher.settle();
+    EXPECT_EQ(control.calls, (Calls{{"begin " + title, 0}, {"end " + title, 0}}));
+    EXPECT_EQ(model->work(), Work::idle());
+    EXPECT_EQ(model->errorText(),
+              expires ? std::optional<std::string>(StowModel::kOutOfTimeText) : std::nullopt);
+    // Stopped, it leaves neither an archive nor a staging behind.
+    EXPECT_EQ(model->lastExport().has_value() || model->pending().has_value(), !expires);
+    const bool leftBehind =
+        (fs::exists(layout.exports) && !fs::is_empty(layout.exports)) || fs::exists(layout.staged);
+    EXPECT_EQ(leftBehind, !expires);
+  }
+}
+
+TEST_F(ModelTest, TheScreenStaysAwakeWhileWorkRunsWithThePanelShown) {
+  model->backUp();  // the panel is closed
+  model->openPanel();
+  model->closePanel();
+  model->openPanel();
+  dispatcher.settle();  // the backup is done
+  model->closePanel();
+  Calls awake;
+  for (const auto& call : control.calls) {
+    if (call.first == "awake" || call.first == "may sleep") awake.push_back(call);
+  }
+  EXPECT_EQ(awake, (Calls{{"awake", 0}, {"may sleep", 0}, {"awake", 0}, {"may sleep", 0}}));
+}
+
+TEST_F(ModelTest, WhileVoiceOverRunsThePillStaysTillDismissedOrVoiceOverStops) {
+  model->setVoiceOverRunning(true);
+  model->showPill(Pill::ready(), 10);
+  dispatcher.advance(60);
+  EXPECT_EQ(model->pill(), Pill::ready());
+  model->setVoiceOverRunning(false);  // then it gets its time again
+  dispatcher.advance(9.9);
+  EXPECT_EQ(model->pill(), Pill::ready());
+  model->setVoiceOverRunning(true);
+  dispatcher.advance(60);
+  EXPECT_EQ(model->pill(), Pill::ready());
+  model->dismissPill();  // the escape gesture
+  EXPECT_TRUE(model->pill().isNone());
+  EXPECT_EQ(pillAnimations.back(), StowAnimation::easeInOut());
+  model->setVoiceOverRunning(false);
+  model->showPill(Pill::ready(), 10);
+  dispatcher.advance(10);
+  EXPECT_TRUE(model->pill().isNone());
 }
 
 TEST_F(ModelTest, TheSwitchesWriteThroughKeepingWhatABackupStamped) {

@@ -75,12 +75,19 @@ TEST_F(PanelContentTest, TheFirstRunShowsTheAppTheWayToBackUpAndTheOptions) {
 }
 
 TEST_F(PanelContentTest, WorkDisablesTheActionsAndABackupOffersItsExport) {
+  writeRecord(stagedRestore("Notes", StowRestoreScope::everything), layout.stagedRecord);
+  writeRecord(stagedRestore("Notes", StowRestoreScope::everything), layout.previousRecord);
+  launch();
   const C idle = panelContent(*model, format, now);
   model->backUp();
   EXPECT_EQ(section(Kind::work).rows, (Rows{C::Progress{"Backing up", 0, "Starting"}}));
   C::Button backUp = kBackUp, restore = kRestore;
   backUp.enabled = restore.enabled = false;
   EXPECT_EQ(section(Kind::appData).rows, (Rows{kNotBackedUp, backUp, restore}));
+  // Closing the app would end the work half-way.
+  for (Kind kind : {Kind::pending, Kind::lastRestore}) {
+    EXPECT_FALSE(std::get<C::Button>(section(kind).rows.back()).enabled) << int(kind);
+  }
 
   // While the work runs only its progress row changes, in place; its start and end reshape.
   const C started = panelContent(*model, format, now);
@@ -152,13 +159,15 @@ TEST_F(PanelContentTest, APreviewReplacesTheActionsBelowAFailureOrTheWorkAndAbov
   model->setScope(StowRestoreScope::settings);
   model->prepareRestore();  // the backup holds no settings
   dispatcher.settle();
-  EXPECT_EQ(kinds(), (Kinds{Kind::header, Kind::appData, Kind::error, Kind::preview, Kind::pending,
+  // The failed staging cleared the restore staged before it: none is ready any more.
+  EXPECT_FALSE(model->pending());
+  EXPECT_EQ(kinds(), (Kinds{Kind::header, Kind::appData, Kind::error, Kind::preview,
                             Kind::lastRestore, Kind::options, Kind::information}));
   EXPECT_EQ(
       section(Kind::error).rows,
       (Rows{C::Text{"That backup holds nothing for the part you chose.", "", Style::warning}}));
   model->backUp();
-  EXPECT_EQ(kinds(), (Kinds{Kind::header, Kind::appData, Kind::work, Kind::preview, Kind::pending,
+  EXPECT_EQ(kinds(), (Kinds{Kind::header, Kind::appData, Kind::work, Kind::preview,
                             Kind::lastRestore, Kind::options, Kind::information}));
 }
 

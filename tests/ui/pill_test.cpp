@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "model_fixture.h"
 #include "ui/hit_test.h"
 #include "ui/pill_content.h"
@@ -33,14 +35,25 @@ TEST(PillContentTest, GoodNewsIsGreenProblemsRedAndOnlyTheInvitationAndOutcomesO
   EXPECT_FALSE(pillContent(Pill::none()));
 }
 
-TEST(PillLayoutTest, ThePillIsAtMost440PointsWideCentredUnderTheSafeAreaTop) {
-  EXPECT_EQ(pillFrame({0, 24, 1024, 1342}, 60), (StowRect{292, 32, 440, 60}));  // an iPad
-  EXPECT_EQ(pillFrame({0, 47, 390, 763}, 58), (StowRect{12, 55, 366, 58}));     // a phone
-  // A phone in landscape: centred across the safe area, not the screen.
-  EXPECT_EQ(pillFrame({47, 0, 750, 369}, 58), (StowRect{202, 8, 440, 58}));
-  EXPECT_DOUBLE_EQ(pillWidth(20), 0);
-  // A safe area given with negative sizes, as a CGRect may be, is standardized first.
-  EXPECT_EQ(pillFrame({390, 810, -390, -763}, 58), (StowRect{12, 55, 366, 58}));
+TEST(PillLayoutTest, ThePillIsAsWideAsItsContentAtMost440PointsCentredUnderTheSafeAreaTop) {
+  // The safe area, the content's width on one line, and the pill's frame (58 points high).
+  const std::vector<std::tuple<const char*, StowRect, double, StowRect>> cases{
+      // The invitation on an iPhone 14: the bar's Back and "+" stay clear beside it.
+      {"a phone", {0, 47, 390, 763}, 255, {67.5, 55, 255, 58}},
+      {"a long message on a phone", {0, 47, 390, 763}, 900, {12, 55, 366, 58}},
+      {"an iPad", {0, 24, 1024, 1342}, 900, {292, 32, 440, 58}},
+      // In landscape: centred across the safe area, not the screen.
+      {"a phone in landscape", {47, 0, 750, 369}, 600, {202, 8, 440, 58}},
+      {"no room", {0, 0, 20, 100}, 255, {10, 8, 0, 58}},
+      // A safe area given with negative sizes, as a CGRect may be, is standardized first.
+      {"negative sizes", {390, 810, -390, -763}, 255, {67.5, 55, 255, 58}},
+  };
+  for (const auto& [name, safeArea, content, expected] : cases) {
+    const double width = pillWidth(safeArea.standardized().width, content);
+    EXPECT_EQ(pillFrame(safeArea, width, 58), expected) << name;
+  }
+  EXPECT_DOUBLE_EQ(hairline(3), 1.0 / 3);
+  EXPECT_DOUBLE_EQ(hairline(0), 1);  // not in a window yet
 }
 
 class OverlayHitTest : public testing::ModelFixture {};
@@ -61,7 +74,7 @@ TEST_F(OverlayHitTest, APillTakesTouchesEightPointsAroundItsFrameAndThePanelAllO
   EXPECT_FALSE(hits(308, 80));
   EXPECT_FALSE(hits(200, 118));
   dispatcher.advance(10);
-  EXPECT_FALSE(hits(200, 80));
+  EXPECT_FALSE(hits(200, 80));  // from the moment it starts fading out, taps reach the app
   // Moved in past its middle, a rectangle contains nothing.
   EXPECT_FALSE((StowRect{0, 0, 10, 10}.insetBy(6, 6).contains({5, 5})));
 }
@@ -72,7 +85,9 @@ TEST(HoldTouchTest, TheOneFingerHoldTakesTouchesFromTheSafeAreaTopToFortyBelowIn
   for (const auto& [y, inStrip] : cases) {
     EXPECT_EQ(inOneFingerStrip(47, y), inStrip) << y;
     EXPECT_EQ(holdTakesTouch(true, StowWindowTouch{47, y}), inStrip) << y;
-    EXPECT_TRUE(holdTakesTouch(false, StowWindowTouch{47, y})) << y;  // three fingers: anywhere
+    // While the app hides the status bar the strip is not armed; three fingers count anywhere.
+    EXPECT_FALSE(holdTakesTouch(true, StowWindowTouch{47, y, true})) << y;
+    EXPECT_TRUE(holdTakesTouch(false, StowWindowTouch{47, y, true})) << y;
   }
   // A view that is not a window has no strip to measure.
   EXPECT_TRUE(holdTakesTouch(true, std::nullopt));

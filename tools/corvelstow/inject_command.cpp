@@ -143,6 +143,7 @@ void inject(const CommandContext& context, const InjectOptions& options) {
       report["output"] = fs::absolute(result.output).string();
       report["rpathAdded"] = insertion.rpathAdded;
       report["signatureRemoved"] = insertion.signatureRemoved;
+      report["loadsFirst"] = insertion.loadsFirst;
     }
     context.printJson(report);
   } else if (insertion.alreadyLoaded) {
@@ -150,8 +151,12 @@ void inject(const CommandContext& context, const InjectOptions& options) {
                 << "; nothing was changed.\n";
   } else {
     context.out << "Wrote " << result.output.string() << ": its executable " << result.executable
-                << " loads " << kLibraryName << " from Frameworks.\n"
-                << "Sign the app with your certificate before installing it"
+                << " loads " << kLibraryName << " from Frameworks.\n";
+    if (!insertion.loadsFirst) {
+      context.out << "The app's own frameworks start before it: the executable's binding "
+                     "information has no room to load it first.\n";
+    }
+    context.out << "Sign the app with your certificate before installing it"
                 << (insertion.signatureRemoved ? "; its old signature was removed.\n" : ".\n");
   }
 }

@@ -2,6 +2,8 @@
 
 #import <UIKit/UIKit.h>
 
+#include "ui/ios/StowRuntimeName.h"
+
 NS_ASSUME_NONNULL_BEGIN
 
 /// Receives the picked file, or nil when the user cancelled.
@@ -11,6 +13,7 @@ typedef void (^StowPickedFile)(NSURL* _Nullable location);
 /// that the app always works on its own copy) of the zip type, the generic data type, or the
 /// type of the ".corvelappdata" extension when the system can form it. Only the first picked
 /// file counts.
+STOW_RUNTIME_NAME(StowDocumentPicker)
 @interface StowDocumentPicker : NSObject
 
 - (instancetype)initWithDone:(StowPickedFile)done NS_DESIGNATED_INITIALIZER;

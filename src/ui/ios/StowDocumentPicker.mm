@@ -10,6 +10,7 @@ namespace apple = corvelstow::platform::apple;
 #pragma mark - StowDocumentPickerCoordinator
 
 /// The system picker's delegate: hands the outcome to `done`, once.
+STOW_RUNTIME_NAME(StowDocumentPickerCoordinator)
 @interface StowDocumentPickerCoordinator : NSObject <UIDocumentPickerDelegate>
 - (instancetype)initWithDone:(StowPickedFile)done;
 @end

@@ -55,6 +55,7 @@ NSString* const kSectionHeader = @"section";
 #pragma mark - StowHeaderCell
 
 /// The app's icon, name and version.
+STOW_RUNTIME_NAME(StowHeaderCell)
 @interface StowHeaderCell : UITableViewCell
 - (void)showHeader:(const Content::Header&)header;
 @end
@@ -112,6 +113,7 @@ NSString* const kSectionHeader = @"section";
 #pragma mark - StowProgressCell
 
 /// The running work: its title, a bar filled to its fraction, and its detail line.
+STOW_RUNTIME_NAME(StowProgressCell)
 @interface StowProgressCell : UITableViewCell
 - (void)showProgress:(const Content::Progress&)progress;
 @end
@@ -165,6 +167,7 @@ NSString* const kSectionHeader = @"section";
 #pragma mark - StowSwitchCell
 
 /// An option: its title and note, with the switch at the trailing edge.
+STOW_RUNTIME_NAME(StowSwitchCell)
 @interface StowSwitchCell : UITableViewCell
 /// Called with the switch's new state when the user flips it.
 @property(nonatomic, copy, nullable) void (^changed)(BOOL on);
@@ -208,6 +211,7 @@ NSString* const kSectionHeader = @"section";
 #pragma mark - StowPanelController
 
 /// The table of the panel's sections.
+STOW_RUNTIME_NAME(StowPanelController)
 @interface StowPanelController : UITableViewController
 - (instancetype)initWithModel:(std::shared_ptr<StowModel>)model
                    formatters:(const corvelstow::platform::Formatters&)formatters;
@@ -535,6 +539,14 @@ NSString* const kSectionHeader = @"section";
 
 - (nullable instancetype)initWithCoder:(NSCoder*)coder {
   std::abort();
+}
+
+#pragma mark - Accessibility
+
+// VoiceOver's escape gesture (two fingers in a Z) closes the panel, as "Done" does.
+- (BOOL)accessibilityPerformEscape {
+  apple::catchingAll([self] { _model->closePanel(); });
+  return YES;
 }
 
 #pragma mark - Orientations

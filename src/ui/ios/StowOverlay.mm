@@ -1,11 +1,12 @@
 #import "ui/ios/StowOverlay.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <optional>
 
 #include "platform/apple/foundation_bridge.h"
-#include "ui/ios/StowObservation.h"
+#import "ui/ios/StowTraits.h"
 #include "ui/model.h"
 #include "ui/pill_content.h"
 
@@ -24,6 +25,17 @@ UIColor* colorFrom(const corvelstow::StowColor& color, double opacity = 1) {
 NSString* textFrom(const std::string& text) {
   NSString* converted = apple::nsStringFrom(text);
   return converted != nil ? converted : @"";
+}
+
+// The system font of `size` and `weight`, scaled as `style` is for the user's text size in
+// `traits`, but never past kLargestTextScale times `size`.
+UIFont* scaledFont(UIFontTextStyle style, double size, UIFontWeight weight,
+                   UITraitCollection* _Nullable traits = nil) {
+  UIFont* font = [UIFont systemFontOfSize:size weight:weight];
+  return
+      [[UIFontMetrics metricsForTextStyle:style] scaledFontForFont:font
+                                                  maximumPointSize:size * layout::kLargestTextScale
+                                     compatibleWithTraitCollection:traits];
 }
 
 // Runs `changes` with the animation the model asked for: a spring, an ease-in-out, or (the
@@ -59,6 +71,7 @@ UIViewPropertyAnimator* _Nullable animate(const StowAnimation& animation, void (
 #pragma mark - StowCapsule
 
 /// A view whose corners are rounded into a capsule at every size: the pill's button.
+STOW_RUNTIME_NAME(StowCapsule)
 @interface StowCapsule : UIView
 @end
 
@@ -76,6 +89,7 @@ UIViewPropertyAnimator* _Nullable animate(const StowAnimation& animation, void (
 /// The pill itself: one plain button, left to right the symbol on its backdrop, the title over
 /// the subtitle, and the button label on the tint, in a rounded card with a thin stroke over a
 /// black shadow. Draws one StowPillContent at a time.
+STOW_RUNTIME_NAME(StowPillCard)
 @interface StowPillCard : UIControl
 - (void)showContent:(const StowPillContent&)content;
 @end
@@ -89,6 +103,8 @@ UIViewPropertyAnimator* _Nullable animate(const StowAnimation& animation, void (
   UILabel* _subtitle;
   StowCapsule* _button;
   UILabel* _buttonLabel;
+  /// Whether traitsChanged is registered for the trait changes (iOS 17 and later).
+  BOOL _traitsRegistered;
 }
 @end
 
@@ -98,6 +114,9 @@ UIViewPropertyAnimator* _Nullable animate(const StowAnimation& animation, void (
   if ((self = [super initWithFrame:frame])) {
     [self makeCard];
     [self makeRow];
+    [self traitsChanged];
+    // From iOS 17 traitCollectionDidChange: gives way to registered trait changes.
+    _traitsRegistered = StowObserveDrawingTraits(self, @selector(traitsChanged));
   }
   return self;
 }
@@ -113,7 +132,6 @@ UIViewPropertyAnimator* _Nullable animate(const StowAnimation& animation, void (
   _card.layer.cornerRadius = layout::kCornerRadius;
   _card.layer.cornerCurve = kCACornerCurveContinuous;
   _card.layer.masksToBounds = YES;
-  _card.layer.borderWidth = 1.0 / UIScreen.mainScreen.scale;  // a hairline
   // Touches belong to the button as a whole.
   _card.userInteractionEnabled = NO;
   _card.translatesAutoresizingMaskIntoConstraints = NO;
@@ -124,26 +142,25 @@ UIViewPropertyAnimator* _Nullable animate(const StowAnimation& animation, void (
     [_card.topAnchor constraintEqualToAnchor:self.topAnchor],
     [_card.bottomAnchor constraintEqualToAnchor:self.bottomAnchor],
   ]];
-  [self updateStroke];
 }
 
 - (void)makeRow {
   _symbol = [[UIImageView alloc] init];
-  _symbol.preferredSymbolConfiguration =
-      [UIImageSymbolConfiguration configurationWithPointSize:layout::kSymbolSize
-                                                      weight:UIImageSymbolWeightSemibold];
   _symbol.contentMode = UIViewContentModeCenter;
   _symbolBackdrop = [[UIView alloc] init];
   _symbolBackdrop.layer.cornerRadius = layout::kSymbolCornerRadius;
   _symbolBackdrop.layer.cornerCurve = kCACornerCurveContinuous;
   [self pin:_symbol centredIn:_symbolBackdrop];
 
+  // The texts follow the user's text size (Dynamic Type) as the text styles of their sizes do.
   _title = [[UILabel alloc] init];
-  _title.font = [UIFont systemFontOfSize:layout::kTitleSize weight:UIFontWeightSemibold];
+  _title.font = scaledFont(UIFontTextStyleSubheadline, layout::kTitleSize, UIFontWeightSemibold);
+  _title.adjustsFontForContentSizeCategory = YES;
   _title.textColor = UIColor.labelColor;
   _title.numberOfLines = layout::kTitleLines;
   _subtitle = [[UILabel alloc] init];
-  _subtitle.font = [UIFont systemFontOfSize:layout::kSubtitleSize weight:UIFontWeightRegular];
+  _subtitle.font = scaledFont(UIFontTextStyleCaption2, layout::kSubtitleSize, UIFontWeightRegular);
+  _subtitle.adjustsFontForContentSizeCategory = YES;
   _subtitle.textColor = UIColor.secondaryLabelColor;
   _subtitle.numberOfLines = layout::kSubtitleLines;
   UIStackView* texts = [[UIStackView alloc] initWithArrangedSubviews:@[ _title, _subtitle ]];
@@ -151,7 +168,9 @@ UIViewPropertyAnimator* _Nullable animate(const StowAnimation& animation, void (
   texts.alignment = UIStackViewAlignmentLeading;
 
   _buttonLabel = [[UILabel alloc] init];
-  _buttonLabel.font = [UIFont systemFontOfSize:layout::kButtonSize weight:UIFontWeightSemibold];
+  _buttonLabel.font =
+      scaledFont(UIFontTextStyleFootnote, layout::kButtonSize, UIFontWeightSemibold);
+  _buttonLabel.adjustsFontForContentSizeCategory = YES;
   _buttonLabel.textColor = UIColor.whiteColor;
   _button = [[StowCapsule alloc] init];
   [self pin:_buttonLabel
@@ -243,13 +262,22 @@ UIViewPropertyAnimator* _Nullable animate(const StowAnimation& animation, void (
 
 - (void)traitCollectionDidChange:(nullable UITraitCollection*)previous {
   [super traitCollectionDidChange:previous];
-  [self updateStroke];
+  if (!_traitsRegistered) [self traitsChanged];
 }
 
-// Layers take no dynamic colours: the stroke is resolved again when the appearance changes.
-- (void)updateStroke {
+// What the traits decide beyond the labels: layers take no dynamic colours, so the stroke is
+// resolved again when the appearance changes; the stroke is one pixel of this screen; and the
+// symbol follows the text size as the title does.
+- (void)traitsChanged {
+  UITraitCollection* traits = self.traitCollection;
   _card.layer.borderColor =
-      [UIColor.separatorColor resolvedColorWithTraitCollection:self.traitCollection].CGColor;
+      [UIColor.separatorColor resolvedColorWithTraitCollection:traits].CGColor;
+  _card.layer.borderWidth = corvelstow::hairline(traits.displayScale);
+  _symbol.preferredSymbolConfiguration = [UIImageSymbolConfiguration
+      configurationWithFont:scaledFont(UIFontTextStyleSubheadline, layout::kSymbolSize,
+                                       UIFontWeightSemibold, traits)];
+  // A new text size changes the pill's size.
+  [self.superview setNeedsLayout];
 }
 
 @end
@@ -259,14 +287,12 @@ UIViewPropertyAnimator* _Nullable animate(const StowAnimation& animation, void (
 @interface StowOverlay () {
   /// The panel model: what the pill shows, and where its frame goes.
   std::shared_ptr<StowModel> _model;
-  /// The observation of the pill.
-  corvelstow::StowObservation _observation;
   /// The pill, hidden while the model's pill is none.
   StowPillCard* _pill;
   /// The animation under way, stopped where it is when the next change comes.
   UIViewPropertyAnimator* _Nullable _animator;
-  /// Whether the model's pill is shown (not none), as last drawn.
-  BOOL _shown;
+  /// What the pill shows, as last drawn; nothing while the model's pill is none.
+  std::optional<StowPillContent> _shown;
 }
 @end
 
@@ -283,13 +309,6 @@ UIViewPropertyAnimator* _Nullable animate(const StowAnimation& animation, void (
     _pill.alpha = 0;
     [_pill addTarget:self action:@selector(tapped) forControlEvents:UIControlEventTouchUpInside];
     [self addSubview:_pill];
-
-    __weak StowOverlay* weakSelf = self;
-    _observation = corvelstow::StowObservation(
-        _model, [weakSelf](StowModel::Field field, const StowAnimation& animation) {
-          if (field == StowModel::Field::pill) [weakSelf pillChanged:animation];
-        });
-    [self pillChanged:StowAnimation::standard()];
   }
   return self;
 }
@@ -300,12 +319,17 @@ UIViewPropertyAnimator* _Nullable animate(const StowAnimation& animation, void (
 
 #pragma mark - The pill
 
-- (void)pillChanged:(const StowAnimation&)animation {
+- (BOOL)pillOnScreen {
+  return !_pill.hidden;
+}
+
+- (void)showPill:(const StowAnimation&)animation {
   std::optional<StowPillContent> content = corvelstow::pillContent(_model->pill());
   // Only an animation still under way can be stopped; one that has finished is left alone.
   if (_animator.state == UIViewAnimatingStateActive) [_animator stopAnimation:YES];
   _animator = nil;
-  _shown = content.has_value();
+  const bool news = content && content != _shown;
+  _shown = content;
   StowPillCard* pill = _pill;
   if (content) {
     [pill showContent:*content];
@@ -318,6 +342,8 @@ UIViewPropertyAnimator* _Nullable animate(const StowAnimation& animation, void (
                         },
                         ^{
                         });
+    // VoiceOver reads the new pill out and moves to it, so that it is heard and can be opened.
+    if (news) UIAccessibilityPostNotification(UIAccessibilityLayoutChangedNotification, pill);
   } else {
     __weak StowOverlay* weakSelf = self;
     _animator = animate(
@@ -327,7 +353,9 @@ UIViewPropertyAnimator* _Nullable animate(const StowAnimation& animation, void (
         },
         ^{
           StowOverlay* overlay = weakSelf;
-          if (overlay != nil && !overlay->_shown) pill.hidden = YES;
+          if (overlay == nil || overlay->_shown) return;
+          pill.hidden = YES;
+          if (overlay.pillGone != nil) overlay.pillGone();
         });
   }
 }
@@ -338,18 +366,27 @@ UIViewPropertyAnimator* _Nullable animate(const StowAnimation& animation, void (
   apple::catchingAll([self] { _model->openPanelFromPill(); });
 }
 
+// VoiceOver's escape gesture (two fingers in a Z) on the pill sends it away.
+- (BOOL)accessibilityPerformEscape {
+  if (_model->pill().isNone()) return NO;
+  apple::catchingAll([self] { _model->dismissPill(); });
+  return YES;
+}
+
 #pragma mark - Layout
 
 - (void)layoutSubviews {
   [super layoutSubviews];
   CGRect safe = UIEdgeInsetsInsetRect(self.bounds, self.safeAreaInsets);
-  CGFloat width = corvelstow::pillWidth(safe.size.width);
+  // As wide as the content on one line, within the room the engine gives it.
+  CGSize natural = [_pill systemLayoutSizeFittingSize:UILayoutFittingCompressedSize];
+  CGFloat width = corvelstow::pillWidth(safe.size.width, std::ceil(natural.width));
   if (width <= 0) return;  // not laid out yet: no room to fit the pill into
   CGSize fitted = [_pill systemLayoutSizeFittingSize:CGSizeMake(width, 0)
                        withHorizontalFittingPriority:UILayoutPriorityRequired
                              verticalFittingPriority:UILayoutPriorityFittingSizeLevel];
   corvelstow::StowRect frame = corvelstow::pillFrame(
-      {safe.origin.x, safe.origin.y, safe.size.width, safe.size.height}, fitted.height);
+      {safe.origin.x, safe.origin.y, safe.size.width, safe.size.height}, width, fitted.height);
   _pill.frame = CGRectMake(frame.x, frame.y, frame.width, frame.height);
   // The hit test works in the window's coordinates.
   CGRect inWindow = self.window != nil ? [self convertRect:_pill.frame toView:nil] : _pill.frame;

@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <memory>
 
+#include "ui/ios/StowRuntimeName.h"
+
 @class StowShareItem;
 
 namespace corvelstow {
@@ -21,6 +23,7 @@ NS_ASSUME_NONNULL_BEGIN
 /// the model. Its buttons and switches call the model actions the engine names; it presents
 /// the document picker and the share sheet from itself. It cannot be swiped away. Its views
 /// live in StowInterface.mm.
+STOW_RUNTIME_NAME(StowPanel)
 @interface StowPanel : UINavigationController
 
 /// `formatters` must outlive the panel.

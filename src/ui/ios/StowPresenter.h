@@ -2,11 +2,14 @@
 
 #import <UIKit/UIKit.h>
 
+#include "ui/ios/StowRuntimeName.h"
+
 NS_ASSUME_NONNULL_BEGIN
 
 /// Puts the overlay on screen and listens for the holds that open the panel. One per process,
 /// made on first use and kept for the life of the process: it owns the panel model and the
 /// overlay window, and detaches the overlay from a scene that disconnects. Main thread only.
+STOW_RUNTIME_NAME(StowPresenter)
 @interface StowPresenter : NSObject <UIGestureRecognizerDelegate>
 
 /// The process's presenter, made at the first call.

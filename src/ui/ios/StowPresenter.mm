@@ -31,6 +31,7 @@ StowAttachments::Identity identity(id _Nullable object) { return (__bridge const
 
 /// A hold that opens the panel. The recognizer carries what it is, so that nothing has to be
 /// remembered about it elsewhere: a window carries the holds when one of its recognizers is one.
+STOW_RUNTIME_NAME(StowHoldRecognizer)
 @interface StowHoldRecognizer : UILongPressGestureRecognizer
 @property(nonatomic) corvelstow::StowHold hold;
 @end
@@ -94,13 +95,25 @@ bool carriesHolds(UIWindow* window) {
       return StowModel::create({corvelstow::StowLayout::shared(), corvelstow::StowHostApp::shared(),
                                 *_dispatcher, *_appControl});
     });
-    // The presenter lives as long as the process: the observation is never removed.
-    [NSNotificationCenter.defaultCenter addObserver:self
-                                           selector:@selector(sceneDidDisconnect:)
-                                               name:UISceneDidDisconnectNotification
-                                             object:nil];
+    // The presenter lives as long as the process: the observations are never removed.
+    NSNotificationCenter* center = NSNotificationCenter.defaultCenter;
+    [center addObserver:self
+               selector:@selector(sceneDidDisconnect:)
+                   name:UISceneDidDisconnectNotification
+                 object:nil];
+    [center addObserver:self
+               selector:@selector(voiceOverChanged)
+                   name:UIAccessibilityVoiceOverStatusDidChangeNotification
+                 object:nil];
+    [self voiceOverChanged];
   }
   return self;
+}
+
+- (void)voiceOverChanged {
+  if (!_model) return;
+  BOOL running = UIAccessibilityIsVoiceOverRunning();
+  apple::catchingAll([self, running] { _model->setVoiceOverRunning(running); });
 }
 
 #pragma mark - Scenes
@@ -139,13 +152,20 @@ bool carriesHolds(UIWindow* window) {
   window.model = _model;
   window.windowLevel = UIWindowLevelAlert + 1.0;
   window.backgroundColor = UIColor.clearColor;
-  window.rootViewController = [[StowHostController alloc] initWithModel:_model
-                                                             formatters:*_formatters];
-  // Shown without becoming key: the app's key window and first responder stay as they are.
-  window.hidden = NO;
+  StowHostController* controller = [[StowHostController alloc] initWithModel:_model
+                                                                  formatters:*_formatters];
+  window.rootViewController = controller;
+  controller.overlayWindow = window;
   self.window.hidden = YES;
   self.window = window;
   self.overlayScene = scene;
+  // Shown, without becoming key, only while it has something to show: the app's key window and
+  // first responder stay as they are.
+  [controller reconcile];
+}
+
+- (void)reconcileOverlay {
+  [(StowHostController*)self.window.rootViewController reconcile];
 }
 
 - (void)instrumentWindowsOfScene:(UIWindowScene*)scene {
@@ -157,11 +177,32 @@ bool carriesHolds(UIWindow* window) {
         {static_cast<bool>([window isKindOfClass:StowWindow.class]), carriesHolds(window)});
   }
   for (std::size_t position : StowAttachments::windowsToInstrument(listed)) {
+    UIWindow* window = windows[position];
     for (const corvelstow::StowHold& hold :
          {corvelstow::kThreeFingerHold, corvelstow::kOneFingerHold}) {
-      [windows[position] addGestureRecognizer:[self recognizerFor:hold]];
+      [window addGestureRecognizer:[self recognizerFor:hold]];
     }
+    [self offerPanelToVoiceOverIn:window];
   }
+}
+
+// VoiceOver takes the holds' gestures for its own (three fingers scroll, one finger explores):
+// its users open the panel with a custom action of the app's window, in its actions rotor,
+// whatever the pill shows.
+- (void)offerPanelToVoiceOverIn:(UIWindow*)window {
+  __weak StowPresenter* weakSelf = self;
+  __weak UIWindow* weakWindow = window;
+  UIAccessibilityCustomAction* action =
+      [[UIAccessibilityCustomAction alloc] initWithName:@"App Data Backups"
+                                          actionHandler:^BOOL(UIAccessibilityCustomAction*) {
+                                            UIWindowScene* scene = weakWindow.windowScene;
+                                            if (scene == nil) return NO;
+                                            [weakSelf openPanelInScene:scene];
+                                            return YES;
+                                          }];
+  NSArray<UIAccessibilityCustomAction*>* actions = window.accessibilityCustomActions;
+  window.accessibilityCustomActions =
+      actions != nil ? [actions arrayByAddingObject:action] : @[ action ];
 }
 
 - (StowHoldRecognizer*)recognizerFor:(const corvelstow::StowHold&)hold {
@@ -182,13 +223,18 @@ bool carriesHolds(UIWindow* window) {
   // Ends the gesture at once, so that it does not go on tracking.
   recognizer.enabled = NO;
   recognizer.enabled = YES;
+  [self openPanelInScene:recognizer.view.window.windowScene];
+}
+
+// The panel opens in the scene that was held, not wherever the overlay was last.
+- (void)openPanelInScene:(nullable UIWindowScene*)scene {
   if (!_model) return;
-  // The panel opens in the scene that was held, not wherever the overlay was last.
-  UIWindowScene* scene = recognizer.view.window.windowScene;
   if (scene != nil && StowAttachments::held(identity(scene), self.overlay) == Placement::moveHere) {
     [self makeWindowForScene:scene];
   }
   apple::catchingAll([self] { _model->openPanel(); });
+  // A panel the model holds shown but that nothing presents is presented again.
+  [self reconcileOverlay];
 }
 
 #pragma mark - UIGestureRecognizerDelegate
@@ -197,8 +243,9 @@ bool carriesHolds(UIWindow* window) {
   std::optional<corvelstow::StowWindowTouch> inWindow;
   if ([recognizer.view isKindOfClass:UIWindow.class]) {
     UIWindow* window = (UIWindow*)recognizer.view;
-    inWindow =
-        corvelstow::StowWindowTouch{window.safeAreaInsets.top, [touch locationInView:window].y};
+    inWindow = corvelstow::StowWindowTouch{
+        window.safeAreaInsets.top, [touch locationInView:window].y,
+        static_cast<bool>(window.windowScene.statusBarManager.statusBarHidden)};
   }
   BOOL stripOnly = [recognizer isKindOfClass:StowHoldRecognizer.class] &&
                    ((StowHoldRecognizer*)recognizer).hold.stripOnly;

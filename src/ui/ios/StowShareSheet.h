@@ -2,10 +2,13 @@
 
 #import <UIKit/UIKit.h>
 
+#include "ui/ios/StowRuntimeName.h"
+
 NS_ASSUME_NONNULL_BEGIN
 
 /// The file the panel's share sheet is shown for: two items are the same when their
 /// locations are, so that asking again for the file already shown changes nothing.
+STOW_RUNTIME_NAME(StowShareItem)
 @interface StowShareItem : NSObject
 
 - (instancetype)initWithURL:(NSURL*)url NS_DESIGNATED_INITIALIZER;
@@ -16,6 +19,7 @@ NS_ASSUME_NONNULL_BEGIN
 @end
 
 /// The system share sheet for one file, with no activities of our own.
+STOW_RUNTIME_NAME(StowShareSheet)
 @interface StowShareSheet : NSObject
 
 - (instancetype)initWithURL:(NSURL*)url NS_DESIGNATED_INITIALIZER;

@@ -4,6 +4,8 @@
 
 #include <memory>
 
+#include "ui/ios/StowRuntimeName.h"
+
 namespace corvelstow {
 class StowModel;
 }
@@ -14,6 +16,7 @@ NS_ASSUME_NONNULL_BEGIN
 /// where the engine's hit test (overlayTakesPoint) puts the overlay: around the pill, or
 /// everywhere while the panel is presented. It can become the key window only while the panel
 /// is presented. It holds no policy of its own.
+STOW_RUNTIME_NAME(StowWindow)
 @interface StowWindow : UIWindow
 
 /// The panel model, held weakly: the presenter owns it.
