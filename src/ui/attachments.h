@@ -11,18 +11,14 @@ struct StowHold {
   int touches = 1;
   double seconds = 0;      ///< the minimum press duration
   bool stripOnly = false;  ///< whether it counts only in the strip under the status bar
-  /// Whether, once the hold is recognised, the touches under it are cancelled in the app's
-  /// views. While the hold is only being tracked the app's views get every touch as before.
-  bool cancelsTouchesInView = false;
 };
 
-/// Three fingers held 0.5 s anywhere. The app's touches go on: a game or an instrument played
-/// with three fingers keeps its notes and moves when the panel opens over it.
-inline constexpr StowHold kThreeFingerHold{3, 0.5, false, false};
-/// One finger held 1.2 s in the strip under the status bar (hit_test.h). Its touch is
-/// cancelled once recognised, so that lifting the finger does not also tap the navigation bar's
-/// button beneath (Back) as the panel opens.
-inline constexpr StowHold kOneFingerHold{1, 1.2, true, true};
+/// Three fingers held 0.5 s anywhere. Neither hold cancels the app's touches when it is
+/// recognised: a game or an instrument played with three fingers keeps its notes and moves when
+/// the panel opens over it.
+inline constexpr StowHold kThreeFingerHold{3, 0.5, false};
+/// One finger held 1.2 s in the strip under the status bar (hit_test.h).
+inline constexpr StowHold kOneFingerHold{1, 1.2, true};
 
 /// Where the overlay goes and which windows get the holds, as scenes come, go and are held.
 /// Nothing here is remembered between calls: the presenter passes the facts of the moment

@@ -211,7 +211,7 @@ bool carriesHolds(UIWindow* window) {
   recognizer.hold = hold;
   recognizer.numberOfTouchesRequired = static_cast<NSUInteger>(hold.touches);
   recognizer.minimumPressDuration = hold.seconds;
-  recognizer.cancelsTouchesInView = hold.cancelsTouchesInView;
+  recognizer.cancelsTouchesInView = NO;
   recognizer.delegate = self;
   return recognizer;
 }
