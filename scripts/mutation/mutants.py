@@ -20,16 +20,16 @@ class Mutant:
     path: str
     line: int
     column: int
-    change: str  # short, and with the place the mutant's key: "< -> <=", "call deleted"
+    change: str  # short; with the place, the mutant's key: "< -> <=", "call deleted"
     first: int  # the tokens it replaces, first to last (an insertion: last = first - 1)
     last: int
-    kind: str  # replace, condition, call, insert
+    kind: str  # replace, condition (forced), call (deleted), insert (an early return)
     after: str  # the tokens as mutated, on one line
     before: str = ""  # the tokens as they are, on one line
-    id: int = 0
+    id: int = 0  # its switch, once it is taken: CORVELSTOW_MUTANT=id
     last_line: int = 0
-    status: str = ""
-    test: str = ""
+    status: str = ""  # killed, timed out, survived, not reached or equivalent
+    test: str = ""  # the test that killed it, or outlived its time
 
     @property
     def key(self):
@@ -42,6 +42,8 @@ class Mutant:
 
 
 def find_mutants(source):
+    """Every mutant of a cpp.Source: the early returns, then the others in the order of their
+    tokens."""
     tokens, mutants = source.tokens, []
     lines = source.text.split("\n")
 
@@ -94,13 +96,8 @@ def find_mutants(source):
                     add(condition[0], f"{t.text} condition -> {forced}", *condition, "condition",
                         forced)
         elif t.kind == "number" and INTEGER.fullmatch(t.text):
-            digits, suffix = INTEGER.fullmatch(t.text).groups()
-            plain = digits.replace("'", "")
-            value = int(plain, 0 if plain[:2].lower() in ("0x", "0b") else 8 if
-                        plain.startswith("0") and len(plain) > 1 else 10)
-            for moved in ([value + 1, value - 1] if value else [1]):
-                text = spelled_like(digits, moved) + suffix
-                add(i, f"{t.text} -> {text}", i, i, "replace", text)
+            for moved in moved_by_one(t.text):
+                add(i, f"{t.text} -> {moved}", i, i, "replace", moved)
         if t.kind == "ident" and t.text not in KEYWORDS and starts_statement(source, i):
             end = call_statement_end(source, i)
             if end:
@@ -108,12 +105,18 @@ def find_mutants(source):
     return mutants
 
 
-def spelled_like(digits, value):
-    """`value` in the base that `digits` is written in."""
-    prefix = digits[:2].lower()
+def moved_by_one(literal):
+    """An integer literal one up and one down (0 only up), in its own base and with its suffix."""
+    digits, suffix = INTEGER.fullmatch(literal).groups()
+    plain, prefix = digits.replace("'", ""), digits[:2].lower()
     if prefix in ("0x", "0b"):
-        return digits[:2] + format(value, prefix[1])
-    return "0" + format(value, "o") if digits.startswith("0") and len(digits) > 1 else str(value)
+        base, spell = (16 if prefix == "0x" else 2), lambda v: digits[:2] + format(v, prefix[1])
+    elif len(plain) > 1 and plain.startswith("0"):
+        base, spell = 8, lambda v: "0" + format(v, "o")
+    else:
+        base, spell = 10, str
+    value = int(plain[2:] if base in (2, 16) else plain, base)
+    return [spell(v) + suffix for v in ([value + 1, value - 1] if value else [1])]
 
 
 def condition_of(source, paren):
