@@ -159,6 +159,7 @@ def write_schemata(build, sources, selection):
 
 @dataclass
 class Test:
+    """A test as ctest runs it, and what its run without a mutant showed."""
     name: str
     command: list
     directory: str
@@ -170,7 +171,9 @@ class Test:
 
 def list_tests(build, pattern):
     result = subprocess.run(["ctest", "--test-dir", str(build.binary), "--show-only=json-v1"],
-                            capture_output=True, text=True, check=True)
+                            capture_output=True, text=True)
+    if result.returncode != 0:
+        raise Failure(f"ctest could not list the tests:\n{result.stderr}")
     tests = []
     for entry in json.loads(result.stdout)["tests"]:
         if "command" not in entry or (pattern and not re.search(pattern, entry["name"])):
@@ -183,7 +186,7 @@ def list_tests(build, pattern):
 
 
 class Stopped(Exception):
-    pass
+    """Raised to a test about to start once the run is interrupted."""
 
 
 class Runner:
