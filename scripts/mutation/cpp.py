@@ -30,6 +30,7 @@ class Token:
 
 
 def tokenize(text):
+    """The tokens of `text`, blanks and comments left out; a preprocessor line is one token."""
     tokens, pos, line, line_start = [], 0, 1, True
     while pos < len(text):
         if line_start and text[pos] == "#":
