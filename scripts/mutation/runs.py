@@ -191,15 +191,19 @@ class Stopped(Exception):
 
 class Runner:
     """Runs tests, each in a process group of its own, so that a timeout or an interruption ends
-    whatever the test started too."""
+    whatever the test started too, and with a TMPDIR of its own, where a test killed by a mutant
+    leaves its temporary folders: they go with it."""
 
     def __init__(self):
         self.running, self.lock, self.stopped = set(), threading.Lock(), False
+        self.scratch = tempfile.TemporaryDirectory(prefix="corvelstow-mutate-")
+        self.temporary = Path(self.scratch.name) / "tmp"
+        self.temporary.mkdir()
 
     def run(self, test, extra, timeout):
         """"passed", "failed" or "timed out", and the seconds it took."""
         environment = {k: v for k, v in os.environ.items() if not k.startswith("CORVELSTOW_MUTANT")}
-        environment.update(test.environment, **extra)
+        environment.update(test.environment, TMPDIR=str(self.temporary), **extra)
         started = time.monotonic()
         with self.lock:
             if self.stopped:
@@ -232,6 +236,12 @@ class Runner:
         for process in running:
             self._end(process)
 
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exception):
+        self.scratch.cleanup()
+
     def in_parallel(self, jobs, work, items, done=lambda item, result: None):
         """Calls work(item) for every item, `jobs` at once, and done(item, result) as each one
         finishes; an interruption ends the tests under way and leaves the rest."""
@@ -249,16 +259,18 @@ class Runner:
 
 def trace_tests(tests, runner, jobs, timeout):
     """Runs every test once without a mutant, noting the mutants each one reaches."""
-    with tempfile.TemporaryDirectory(prefix="corvelstow-mutate-") as folder:
-        def trace(index):
-            test, record = tests[index], Path(folder) / str(index)
-            outcome, test.seconds = runner.run(test, {"CORVELSTOW_MUTANT_TRACE": str(record)},
-                                               timeout)
-            test.passed = outcome == "passed"
-            if record.exists():
-                test.reached = {int(line) for line in record.read_text().split()}
+    records = Path(runner.scratch.name) / "reached"
+    records.mkdir()
 
-        runner.in_parallel(jobs, trace, range(len(tests)))
+    def trace(index):
+        test, record = tests[index], records / str(index)
+        outcome, test.seconds = runner.run(test, {"CORVELSTOW_MUTANT_TRACE": str(record)},
+                                           timeout)
+        test.passed = outcome == "passed"
+        if record.exists():
+            test.reached = {int(line) for line in record.read_text().split()}
+
+    runner.in_parallel(jobs, trace, range(len(tests)))
 
 
 def try_mutant(mutant, tests, runner, factor, floor):
