@@ -134,9 +134,10 @@ std::size_t commandAt(const std::string& executable, std::uint32_t cmd,
   return 0;
 }
 
-// `bytes` with the little-endian 32-bit field at `at` set to `value`.
-std::string patched(std::string bytes, std::size_t at, std::uint32_t value) {
-  testing::setLe(bytes, at, value, 4);
+// `bytes` with little-endian 32-bit fields set, each an offset and its value.
+std::string patched(std::string bytes,
+                    std::initializer_list<std::pair<std::size_t, std::uint32_t>> fields) {
+  for (const auto& [at, value] : fields) testing::setLe(bytes, at, value, 4);
   return bytes;
 }
 
@@ -215,13 +216,14 @@ class InjectTest : public ::testing::Test {
 
 // A thin executable that loads only libSystem, a signed one that loads libz and a framework of
 // its own, one with the run path already, one with chained fixups that links libz weakly and
-// has another run path, one whose new commands fill its room exactly, a fat one (armv7 beside
-// the signed arm64, binary Info.plist), the same followed by more bytes, and one whose framework
-// is its fifteenth library: the library lands in Frameworks/, and the arm64 code loads it
-// through the run path before the app's own framework (or first of all when it has none), every
-// import still bound to its library; but for the fifteenth, whose ordinal its lazy binding
-// writes in four bits, where it goes last. Every other command is as it was but the
-// signature's, whose bytes are gone, and a second run changes nothing.
+// has another run path, one whose new commands fill its room exactly, one with a command of
+// nothing but its header, a signed one whose __LINKEDIT holds only the signature, a fat one
+// (armv7 beside the signed arm64, binary Info.plist), the same followed by more bytes, and one
+// whose framework is its fifteenth library: the library lands in Frameworks/, and the arm64
+// code loads it through the run path before the app's own framework (or first of all when it
+// has none), every import still bound to its library; but for the fifteenth, whose ordinal its
+// lazy binding writes in four bits, where it goes last. Every other command is as it was but
+// the signature's, whose bytes are gone, and a second run changes nothing.
 TEST_F(InjectTest, AddsTheLibraryToThinAndFatExecutablesOnceBeforeTheAppsOwnFrameworks) {
   build("Helper", "int helper(void) { return 42; }\n",
         {"-dynamiclib", "-install_name", "@rpath/Helper.framework/Helper"});
@@ -249,9 +251,21 @@ TEST_F(InjectTest, AddsTheLibraryToThinAndFatExecutablesOnceBeforeTheAppsOwnFram
       {"llvm-lipo-16", "-create", armv7.string(), signedThin.string(), "-output", fat.string()});
   ASSERT_EQ(lipo.exitCode, 0) << lipo.err;
   writeFile(fatThenMore, readFile(fat) + "more bytes");
+  // One more command, of nothing but its header; and a signature that is all of __LINKEDIT.
+  const fs::path headerOnly = folder_ / "header-only", signatureOnly = folder_ / "signature-only";
+  const std::string plain = readFile(thin), signedBytes = readFile(signedThin);
+  const std::uint32_t end = 32 + le32(plain, 20);
+  writeFile(
+      headerOnly,
+      patched(plain, {{16, le32(plain, 16) + 1}, {20, end - 32 + 8}, {end, 0x7F}, {end + 4, 8}}));
+  const std::size_t signature = commandAt(signedBytes, kCodeSignature);
+  const std::size_t linkedit = commandAt(signedBytes, kSegment, "__LINKEDIT");
+  writeFile(signatureOnly,
+            patched(signedBytes, {{linkedit + 40, le32(signedBytes, signature + 8)},
+                                  {linkedit + 48, le32(signedBytes, signature + 12)}}));
 
-  for (const fs::path& built :
-       {thin, signedThin, withRunPath, chained, fits, fat, fatThenMore, fifteenth}) {
+  for (const fs::path& built : {thin, signedThin, withRunPath, chained, fits, headerOnly,
+                                signatureOnly, fat, fatThenMore, fifteenth}) {
     SCOPED_TRACE(built.filename().string());
     const fs::path parent = folder_ / ("apps-" + built.filename().string());
     const fs::path app = makeApp(parent, "Notes", readFile(built), built == fat);
@@ -326,28 +340,28 @@ TEST_F(InjectTest, RefusesWhatItCannotChangeAndLeavesTheAppAlone) {
   };
   const Case cases[] = {
       {"Script", "#!/bin/sh\necho hello\n", "Script.app/Script is not a Mach-O file."},
-      {"Old", patched(thin, 0, 0xFEEDFACE), "Old.app/Old holds no arm64 code."},  // 32-bit
-      {"Intel", patched(thin, 4, 0x01000007), "Intel.app/Intel holds no arm64 code."},
+      {"Old", patched(thin, {{0, 0xFEEDFACE}}), "Old.app/Old holds no arm64 code."},  // 32-bit
+      {"Intel", patched(thin, {{4, 0x01000007}}), "Intel.app/Intel holds no arm64 code."},
       {"Fat", testing::hexBytes("CAFEBABE 00000001 0100000C 00000000 00000000 0000001D 0000000E"),
        "Fat.app/Fat" + damaged + "a slice lies past its end."},
       {"Short", thin.substr(0, 100),
        "Short.app/Short" + damaged + "its load commands run past its end."},
       {"Half", thin.substr(0, thin.size() / 2),
        "Half.app/Half" + damaged + "it ends before its last segment."},
-      {"Tiny", patched(thin, 32 + 4, 4),
+      {"Tiny", patched(thin, {{32 + 4, 4}}),
        "Tiny.app/Tiny" + damaged + "its load commands do not add up."},
-      {"Over", patched(thin, 16, le32(thin, 16) - 1),
+      {"Over", patched(thin, {{16, le32(thin, 16) - 1}}),
        "Over.app/Over" + damaged + "its load commands do not add up."},
-      {"Sections", patched(thin, text + 64, 100),
+      {"Sections", patched(thin, {{text + 64, 100}}),
        "Sections.app/Sections" + damaged + "a segment's load command is cut short."},
-      {"Segment", patched(thin, text + 40, 1),
+      {"Segment", patched(thin, {{text + 40, 1}}),
        "Segment.app/Segment" + damaged + "its sections overlap its load commands."},
-      {"Section", patched(thin, text + 72 + 48, 1),
+      {"Section", patched(thin, {{text + 72 + 48, 1}}),
        "Section.app/Section" + damaged + "its sections overlap its load commands."},
       {"Signature",
-       patched(signedThin, commandAt(signedThin, kCodeSignature) + 8, signedThin.size() + 1),
+       patched(signedThin, {{commandAt(signedThin, kCodeSignature) + 8, signedThin.size() + 1}}),
        "Signature.app/Signature" + damaged + "its code signature lies past its end."},
-      {"Store", patched(thin, commandAt(thin, kEncryptionInfo) + 16, 1),
+      {"Store", patched(thin, {{commandAt(thin, kEncryptionInfo) + 16, 1}}),
        "This app is encrypted; use a decrypted copy."},
       {"Crowded", readFile(crowded("crowded", 40)),
        "Crowded.app/Crowded" + noRoom + "40 are free."},

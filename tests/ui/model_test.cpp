@@ -233,6 +233,8 @@ TEST_F(ModelTest, APickedCopyGoesWhenItsPreviewEndsAndTheUsersOwnFileStays) {
   const fs::path staged = picked("staged.corvelappdata");
   choose(staged, true);
   model->prepareRestore();
+  model->prepareRestore();  // once is enough
+  EXPECT_EQ(dispatcher.backgroundWaiting(), 1u);
   const fs::path pickedWhileBusy = picked("busy.corvelappdata");
   model->chooseBackup(pickedWhileBusy, true);  // refused while the restore is prepared
   EXPECT_FALSE(fs::exists(pickedWhileBusy));
