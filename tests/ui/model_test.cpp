@@ -8,7 +8,6 @@
 #include <regex>
 #include <tuple>
 
-#include "archive/zip_writer.h"
 #include "backup/inspection.h"
 #include "backup/usage.h"
 #include "model_fixture.h"
@@ -156,14 +155,12 @@ TEST_F(ModelTest, AFailureSaysWhyAndLeavesTheWorkIdleTillTheNextAttemptClearsIt)
   EXPECT_FALSE(completed || model->lastExport() || loadSettings(layout).lastBackupAt);
   fs::remove(folder / "tmp");
 
-  StowZipWriter writer(folder / "plain.zip");
-  writer.add("hello", "readme.txt", currentDate());
-  writer.finish();
-  model->chooseBackup(folder / "plain.zip");
+  writeFile(folder / "notes.txt", "not a backup");
+  model->chooseBackup(folder / "notes.txt");
   EXPECT_FALSE(model->errorText());
   dispatcher.settle();
   EXPECT_FALSE(model->preview());
-  EXPECT_EQ(model->errorText(), "That file is not an app data backup: it has no manifest.");
+  EXPECT_EQ(model->errorText(), "That file is not a zip archive.");
   model->backUp();
   EXPECT_FALSE(model->errorText());
 }
