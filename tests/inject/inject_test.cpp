@@ -387,7 +387,8 @@ TEST_F(InjectTest, RefusesWhatItCannotChangeAndLeavesTheAppAlone) {
 
 // An .ipa made by Python's zipfile: written back beside it with the library in the bundle's
 // Frameworks, every entry where it was and the executables 0755, also when the archive gave no
-// Unix modes; --in-place replaces it; an .ipa with a symbolic link is refused.
+// Unix modes; --in-place replaces it; an .ipa with a symbolic link, or with an absolute path,
+// is refused.
 TEST_F(InjectTest, WritesAnIpaBackWithTheLibraryInItsFrameworks) {
   const fs::path app = makeApp(folder_ / "unpacked/Payload", "Notes",
                                readFile(executable("signed", {"-Wl,-adhoc_codesign"})));
@@ -410,18 +411,22 @@ with zipfile.ZipFile(path, "w", zipfile.ZIP_DEFLATED) as archive:
                     archive.writestr(info, data or b"")
                 else:
                     archive.write(full, info.filename)
+    if kind == "absolute":  # an entry that names a place outside any folder it is unpacked in
+        archive.writestr(zipfile.ZipInfo(sys.argv[4]), b"outside")
 )";
+  const fs::path outside = folder_ / "outside.txt";
   auto packAs = [&](const std::string& kind, const fs::path& ipa) {
     fs::create_directories(ipa.parent_path());
-    auto packed =
-        runProcess({"python3", "-c", pack, (folder_ / "unpacked").string(), ipa.string(), kind});
+    auto packed = runProcess({"python3", "-c", pack, (folder_ / "unpacked").string(), ipa.string(),
+                              kind, outside.string()});
     EXPECT_EQ(packed.exitCode, 0) << packed.err;
   };
   const fs::path ipa = folder_ / "Notes.ipa", linked = folder_ / "Linked.ipa";
-  const fs::path copy = folder_ / "inplace/Notes.ipa";
+  const fs::path copy = folder_ / "inplace/Notes.ipa", absolute = folder_ / "Absolute.ipa";
   packAs("files", ipa);
   packAs("links", linked);
   packAs("dos", copy);
+  packAs("absolute", absolute);
   const std::string original = readFile(ipa);
 
   auto result = inject(ipa);
@@ -465,6 +470,8 @@ for entry in archive.infolist():
             "Linked.ipa holds a symbolic link, Payload/Notes.app/Base.lproj/"
             "Link.strings, which inject does not carry over.\n");
   EXPECT_FALSE(fs::exists(folder_ / "Linked-corvelstow.ipa"));
+  EXPECT_EQ(inject(absolute).err, "The archive holds an unsafe path: " + outside.string() + "\n");
+  EXPECT_FALSE(fs::exists(outside) || fs::exists(folder_ / "Absolute-corvelstow.ipa"));
 }
 
 }  // namespace
