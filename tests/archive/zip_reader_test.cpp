@@ -82,6 +82,7 @@ TEST(ZipReaderTest, ReadsBackStoredAndDeflatedEntries) {
   };
   const Entry entries[] = {
       {"empty", "empty", ""},
+      {"", "", ""},  // nothing but its local header
       {"a.txt", "a.txt", "a"},
       {"text/notes.json", "text/notes.json", testing::sampleText(3 << 20)},
       {"random.bin", "random.bin", testing::randomBytes((5 << 19) + 3)},

@@ -10,6 +10,7 @@
 #include <regex>
 #include <sstream>
 
+#include "archive/archive_test_support.h"
 #include "base/files.h"
 #include "platform/platform.h"
 #include "support/process.h"
@@ -19,6 +20,7 @@ namespace corvelstow {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::le32;
 using testing::readFile;
 using testing::readTree;
 using testing::runCommand;
@@ -26,6 +28,8 @@ using testing::runProcess;
 using testing::writeFile;
 
 constexpr char kRunPath[] = "@executable_path/Frameworks";
+constexpr char kSignatureMagic[] = "\xFA\xDE\x0C\xC0";  // a code signature's blob begins so
+constexpr std::uint32_t kSegment = 0x19, kCodeSignature = 0x1D, kEncryptionInfo = 0x2C;
 
 // The SDK as the iOS build finds it: CORVELSTOW_IOS_SDK, else the one scripts/ios-sdk unpacked.
 std::optional<std::string> iosSdk() {
@@ -116,20 +120,25 @@ std::vector<std::string> namesIn(const fs::path& folder) {
   return names;
 }
 
-// Sets cryptid to 1 in the LC_ENCRYPTION_INFO_64 command of a thin executable, as in an app
-// downloaded from the store.
-std::string encrypted(std::string executable) {
-  auto word = [&](std::size_t at) {
-    std::uint32_t value = 0;
-    for (int i = 3; i >= 0; --i)
-      value = value << 8 | static_cast<unsigned char>(executable[at + i]);
-    return value;
-  };
+// Where the first load command of kind `cmd` (of a segment, the one named `segment`) starts in a
+// thin executable.
+std::size_t commandAt(const std::string& executable, std::uint32_t cmd,
+                      std::string_view segment = {}) {
   std::size_t at = 32;
-  for (std::uint32_t i = 0, count = word(16); i < count; ++i, at += word(at + 4)) {
-    if (word(at) == 0x2C) executable[at + 16] = 1;
+  for (std::uint32_t i = 0; i < le32(executable, 16); ++i, at += le32(executable, at + 4)) {
+    if (le32(executable, at) == cmd && executable.compare(at + 8, segment.size(), segment) == 0) {
+      return at;
+    }
   }
-  return executable;
+  ADD_FAILURE() << "no load command " << cmd << " " << segment;
+  return 0;
+}
+
+// `bytes` with little-endian 32-bit fields set, each an offset and its value.
+std::string patched(std::string bytes,
+                    std::initializer_list<std::pair<std::size_t, std::uint32_t>> fields) {
+  for (const auto& [at, value] : fields) testing::setLe(bytes, at, value, 4);
+  return bytes;
 }
 
 class InjectTest : public ::testing::Test {
@@ -184,6 +193,16 @@ class InjectTest : public ::testing::Test {
     return app;
   }
 
+  // An executable with `free` bytes (a multiple of 8) between its load commands and its first
+  // section, the rest taken by a run path of padding.
+  fs::path crowded(const std::string& name, std::size_t free) {
+    const std::string plain = readFile(executable(name));
+    const std::size_t room =
+        le32(plain, commandAt(plain, kSegment, "__TEXT") + 72 + 48) - 32 - le32(plain, 20);
+    return executable(name,
+                      {"-Wl,-headerpad,0", "-Wl,-rpath,/" + std::string(room - free - 14, 'x')});
+  }
+
   testing::ProcessResult inject(const fs::path& app, std::vector<std::string> options = {}) {
     std::vector<std::string> arguments = {"inject", app.string(), "--library", library_.string()};
     arguments.insert(arguments.end(), options.begin(), options.end());
@@ -196,12 +215,15 @@ class InjectTest : public ::testing::Test {
 };
 
 // A thin executable that loads only libSystem, a signed one that loads libz and a framework of
-// its own, one with the run path already, one with chained fixups, a fat one (armv7 beside the
-// signed arm64, binary Info.plist), and one whose framework is its fifteenth library: the library
-// lands in Frameworks/, and the arm64 code loads it through the run path before the app's own
-// framework (or first of all when it has none), every import still bound to its library; but for
-// the fifteenth, whose ordinal its lazy binding writes in four bits, where it goes last. Every
-// other command is as it was but the signature's, and a second run changes nothing.
+// its own, one with the run path already, one with chained fixups that links libz weakly and
+// has another run path, one whose new commands fill its room exactly, one with a command of
+// nothing but its header, a signed one whose __LINKEDIT holds only the signature, a fat one
+// (armv7 beside the signed arm64, binary Info.plist), the same followed by more bytes, and one
+// whose framework is its fifteenth library: the library lands in Frameworks/, and the arm64
+// code loads it through the run path before the app's own framework (or first of all when it
+// has none), every import still bound to its library; but for the fifteenth, whose ordinal its
+// lazy binding writes in four bits, where it goes last. Every other command is as it was but
+// the signature's, whose bytes are gone, and a second run changes nothing.
 TEST_F(InjectTest, AddsTheLibraryToThinAndFatExecutablesOnceBeforeTheAppsOwnFrameworks) {
   build("Helper", "int helper(void) { return 42; }\n",
         {"-dynamiclib", "-install_name", "@rpath/Helper.framework/Helper"});
@@ -212,7 +234,8 @@ TEST_F(InjectTest, AddsTheLibraryToThinAndFatExecutablesOnceBeforeTheAppsOwnFram
   const fs::path thin = executable("thin");
   const fs::path signedThin = withHelper("signed", {"-lz", "-Wl,-adhoc_codesign"});
   const fs::path withRunPath = executable("rpath", {"-Wl,-rpath," + std::string(kRunPath) + "/"});
-  const fs::path chained = withHelper("chained", {"-lz", "-Wl,-fixup_chains"});
+  const fs::path chained =
+      withHelper("chained", {"-Wl,-weak-lz", "-Wl,-fixup_chains", "-Wl,-rpath,@loader_path/lib"});
   std::vector<std::string> fourteen = {"-lz",     "-lsqlite3", "-lxml2",       "-lbz2",
                                        "-liconv", "-lresolv",  "-lcompression"};
   for (const char* framework : {"Foundation", "CoreFoundation", "UIKit", "CoreGraphics",
@@ -220,19 +243,34 @@ TEST_F(InjectTest, AddsTheLibraryToThinAndFatExecutablesOnceBeforeTheAppsOwnFram
     fourteen.insert(fourteen.end(), {"-framework", framework});
   }
   const fs::path fifteenth = withHelper("fifteenth", fourteen);
+  const fs::path fits = crowded("fits", 96);
   const fs::path armv7 =
       build("armv7", "int main(void) { return 0; }\n", {}, "armv7-apple-ios10.0");
-  const fs::path fat = folder_ / "fat";
+  const fs::path fat = folder_ / "fat", fatThenMore = folder_ / "fat-then-more";
   auto lipo = runProcess(
       {"llvm-lipo-16", "-create", armv7.string(), signedThin.string(), "-output", fat.string()});
   ASSERT_EQ(lipo.exitCode, 0) << lipo.err;
+  writeFile(fatThenMore, readFile(fat) + "more bytes");
+  // One more command, of nothing but its header; and a signature that is all of __LINKEDIT.
+  const fs::path headerOnly = folder_ / "header-only", signatureOnly = folder_ / "signature-only";
+  const std::string plain = readFile(thin), signedBytes = readFile(signedThin);
+  const std::uint32_t end = 32 + le32(plain, 20);
+  writeFile(
+      headerOnly,
+      patched(plain, {{16, le32(plain, 16) + 1}, {20, end - 32 + 8}, {end, 0x7F}, {end + 4, 8}}));
+  const std::size_t signature = commandAt(signedBytes, kCodeSignature);
+  const std::size_t linkedit = commandAt(signedBytes, kSegment, "__LINKEDIT");
+  writeFile(signatureOnly,
+            patched(signedBytes, {{linkedit + 40, le32(signedBytes, signature + 8)},
+                                  {linkedit + 48, le32(signedBytes, signature + 12)}}));
 
-  for (const fs::path& built : {thin, signedThin, withRunPath, chained, fat, fifteenth}) {
+  for (const fs::path& built : {thin, signedThin, withRunPath, chained, fits, headerOnly,
+                                signatureOnly, fat, fatThenMore, fifteenth}) {
     SCOPED_TRACE(built.filename().string());
     const fs::path parent = folder_ / ("apps-" + built.filename().string());
     const fs::path app = makeApp(parent, "Notes", readFile(built), built == fat);
     const auto original = readTree(app);
-    const bool isSigned = built == signedThin || built == fat;
+    const bool isSigned = holds(readFile(built), kSignatureMagic);
     const bool first = built != fifteenth;
 
     auto result = inject(app);
@@ -270,8 +308,9 @@ TEST_F(InjectTest, AddsTheLibraryToThinAndFatExecutablesOnceBeforeTheAppsOwnFram
     }
     EXPECT_EQ(commands, expected);
     EXPECT_EQ(bindings(output / "Notes"), bindings(app / "Notes"));
-    // The signature's bytes are cut from the end of the file, the fat table shortened to match.
-    EXPECT_EQ(fs::file_size(output / "Notes") < fs::file_size(built), isSigned);
+    // Cut from the end of the file (the fat table shortened to match), or zeroed where more
+    // follows.
+    EXPECT_FALSE(holds(readFile(output / "Notes"), kSignatureMagic));
 
     const auto injected = readTree(output);
     auto again = inject(output);
@@ -282,35 +321,52 @@ TEST_F(InjectTest, AddsTheLibraryToThinAndFatExecutablesOnceBeforeTheAppsOwnFram
   }
 }
 
-// Executables it must refuse, each with its sentence, leaving the app as it was and writing
-// nothing beside it.
+// Executables it must refuse, each with its sentence, or that load a library of the same name
+// already: the app is left as it was, with nothing written beside it.
 TEST_F(InjectTest, RefusesWhatItCannotChangeAndLeavesTheAppAlone) {
   const std::string thin = readFile(executable("thin"));
-  // One run path long enough to leave 40 bytes between the load commands and the first section.
-  auto dump =
-      runProcess({"llvm-objdump-16", "--macho", "--private-headers", (folder_ / "thin").string()});
-  std::smatch header, text;
-  ASSERT_TRUE(std::regex_search(dump.out, header, std::regex("EXECUTE +\\d+ +(\\d+) ")));
-  ASSERT_TRUE(std::regex_search(dump.out, text,
-                                std::regex("sectname __text\n(?:.*\n)*? +offset (\\d+)\n")));
-  const std::size_t free = std::stoul(text[1]) - 32 - std::stoul(header[1]);
-  const std::string padding = "/" + std::string(free - 40 - 12 - 2, 'x');
-  const std::string crowded = readFile(executable("crowded", {"-Wl,-rpath," + padding}));
-
+  const std::string signedThin = readFile(executable("signed", {"-Wl,-adhoc_codesign"}));
+  build("libbare.dylib", "void f(void) {}\n",
+        {"-dynamiclib", "-install_name", "libcorvelstow.dylib"});
+  const std::string bare = readFile(executable("bare", {(folder_ / "libbare.dylib").string()}));
+  const std::size_t text = commandAt(thin, kSegment, "__TEXT");
+  const std::string damaged = " is a damaged Mach-O file: ",
+                    noRoom =
+                        " has no room for the new load commands: they need 96 bytes after its load "
+                        "commands, and ";
   struct Case {
-    std::string name, executable, error;
+    std::string name, executable, sentence;
     fs::path library = {};
   };
   const Case cases[] = {
       {"Script", "#!/bin/sh\necho hello\n", "Script.app/Script is not a Mach-O file."},
+      {"Old", patched(thin, {{0, 0xFEEDFACE}}), "Old.app/Old holds no arm64 code."},  // 32-bit
+      {"Intel", patched(thin, {{4, 0x01000007}}), "Intel.app/Intel holds no arm64 code."},
+      {"Fat", testing::hexBytes("CAFEBABE 00000001 0100000C 00000000 00000000 0000001D 0000000E"),
+       "Fat.app/Fat" + damaged + "a slice lies past its end."},
       {"Short", thin.substr(0, 100),
-       "Short.app/Short is a damaged Mach-O file: its load commands run past its end."},
+       "Short.app/Short" + damaged + "its load commands run past its end."},
       {"Half", thin.substr(0, thin.size() / 2),
-       "Half.app/Half is a damaged Mach-O file: it ends before its last segment."},
-      {"Store", encrypted(thin), "This app is encrypted; use a decrypted copy."},
-      {"Crowded", crowded,
-       "Crowded.app/Crowded has no room for the new load commands: they need 96 bytes after its "
-       "load commands, and 40 are free."},
+       "Half.app/Half" + damaged + "it ends before its last segment."},
+      {"Tiny", patched(thin, {{32 + 4, 4}}),
+       "Tiny.app/Tiny" + damaged + "its load commands do not add up."},
+      {"Over", patched(thin, {{16, le32(thin, 16) - 1}}),
+       "Over.app/Over" + damaged + "its load commands do not add up."},
+      {"Sections", patched(thin, {{text + 64, 100}}),
+       "Sections.app/Sections" + damaged + "a segment's load command is cut short."},
+      {"Segment", patched(thin, {{text + 40, 1}}),
+       "Segment.app/Segment" + damaged + "its sections overlap its load commands."},
+      {"Section", patched(thin, {{text + 72 + 48, 1}}),
+       "Section.app/Section" + damaged + "its sections overlap its load commands."},
+      {"Signature",
+       patched(signedThin, {{commandAt(signedThin, kCodeSignature) + 8, signedThin.size() + 1}}),
+       "Signature.app/Signature" + damaged + "its code signature lies past its end."},
+      {"Store", patched(thin, {{commandAt(thin, kEncryptionInfo) + 16, 1}}),
+       "This app is encrypted; use a decrypted copy."},
+      {"Crowded", readFile(crowded("crowded", 40)),
+       "Crowded.app/Crowded" + noRoom + "40 are free."},
+      {"Full", readFile(crowded("full", 0)), "Full.app/Full" + noRoom + "0 are free."},
+      {"Bare", bare, "Bare already loads libcorvelstow.dylib; nothing was changed."},
       {"Linux", thin, "libcorvelstow.so is not a Mach-O file.",
        fs::path(CORVELSTOW_COMMAND).parent_path() / "libcorvelstow.so"},
       {"Exe", thin, "thin is not a dynamic library.", folder_ / "thin"},
@@ -322,9 +378,8 @@ TEST_F(InjectTest, RefusesWhatItCannotChangeAndLeavesTheAppAlone) {
     const auto before = readTree(parent);
     auto result = runCommand(
         {"inject", app.string(), "--library", (c.library.empty() ? library_ : c.library).string()});
-    EXPECT_EQ(result.exitCode, 1);
-    EXPECT_EQ(result.err, c.error + "\n");
-    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.out + result.err, c.sentence + "\n");
+    EXPECT_EQ(result.exitCode, result.out.empty() ? 1 : 0);
     EXPECT_EQ(readTree(parent), before);
     EXPECT_EQ(namesIn(parent), std::vector<std::string>{c.name + ".app"});
   }
@@ -332,7 +387,8 @@ TEST_F(InjectTest, RefusesWhatItCannotChangeAndLeavesTheAppAlone) {
 
 // An .ipa made by Python's zipfile: written back beside it with the library in the bundle's
 // Frameworks, every entry where it was and the executables 0755, also when the archive gave no
-// Unix modes; --in-place replaces it; an .ipa with a symbolic link is refused.
+// Unix modes; --in-place replaces it; an .ipa with a symbolic link, or with an absolute path,
+// is refused.
 TEST_F(InjectTest, WritesAnIpaBackWithTheLibraryInItsFrameworks) {
   const fs::path app = makeApp(folder_ / "unpacked/Payload", "Notes",
                                readFile(executable("signed", {"-Wl,-adhoc_codesign"})));
@@ -355,18 +411,22 @@ with zipfile.ZipFile(path, "w", zipfile.ZIP_DEFLATED) as archive:
                     archive.writestr(info, data or b"")
                 else:
                     archive.write(full, info.filename)
+    if kind == "absolute":  # an entry that names a place outside any folder it is unpacked in
+        archive.writestr(zipfile.ZipInfo(sys.argv[4]), b"outside")
 )";
+  const fs::path outside = folder_ / "outside.txt";
   auto packAs = [&](const std::string& kind, const fs::path& ipa) {
     fs::create_directories(ipa.parent_path());
-    auto packed =
-        runProcess({"python3", "-c", pack, (folder_ / "unpacked").string(), ipa.string(), kind});
+    auto packed = runProcess({"python3", "-c", pack, (folder_ / "unpacked").string(), ipa.string(),
+                              kind, outside.string()});
     EXPECT_EQ(packed.exitCode, 0) << packed.err;
   };
   const fs::path ipa = folder_ / "Notes.ipa", linked = folder_ / "Linked.ipa";
-  const fs::path copy = folder_ / "inplace/Notes.ipa";
+  const fs::path copy = folder_ / "inplace/Notes.ipa", absolute = folder_ / "Absolute.ipa";
   packAs("files", ipa);
   packAs("links", linked);
   packAs("dos", copy);
+  packAs("absolute", absolute);
   const std::string original = readFile(ipa);
 
   auto result = inject(ipa);
@@ -410,6 +470,8 @@ for entry in archive.infolist():
             "Linked.ipa holds a symbolic link, Payload/Notes.app/Base.lproj/"
             "Link.strings, which inject does not carry over.\n");
   EXPECT_FALSE(fs::exists(folder_ / "Linked-corvelstow.ipa"));
+  EXPECT_EQ(inject(absolute).err, "The archive holds an unsafe path: " + outside.string() + "\n");
+  EXPECT_FALSE(fs::exists(outside) || fs::exists(folder_ / "Absolute-corvelstow.ipa"));
 }
 
 }  // namespace

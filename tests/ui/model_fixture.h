@@ -105,6 +105,7 @@ class ModelFixture : public ::testing::Test {
   std::size_t changes = 0;                    // every published change
   std::vector<StowAnimation> pillAnimations;  // the pill's changes, in order
   std::vector<StowModel::Work> workSeen;      // every value work took, in order
+  int observer = 0;                           // the token of the observer that records them
 
   void SetUp() override {
     fs::create_directories(layout.documents);
@@ -124,7 +125,7 @@ class ModelFixture : public ::testing::Test {
     pillAnimations.clear();
     workSeen.clear();
     model = StowModel::create({layout, app, dispatcher, control});
-    model->observe([this](StowModel::Field field, const StowAnimation& animation) {
+    observer = model->observe([this](StowModel::Field field, const StowAnimation& animation) {
       ++changes;
       if (field == StowModel::Field::pill) pillAnimations.push_back(animation);
       if (field == StowModel::Field::work) workSeen.push_back(model->work());

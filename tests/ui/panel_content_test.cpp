@@ -1,4 +1,5 @@
-// What the panel shows for the states that matter, as the sections a view draws.
+// What the panel shows for the states that matter: the sections and their rows by what they are
+// and do (kinds, actions, enabled and chosen states), and the texts it computes.
 
 #include "ui/panel_content.h"
 
@@ -12,19 +13,33 @@ namespace {
 
 using testing::outcome;
 using testing::stagedRestore;
-using testing::writeFile;
 using C = StowPanelContent;
 using Kind = C::Section::Kind;
 using Kinds = std::vector<Kind>;
 using Rows = std::vector<C::Row>;
 using Action = StowPanelAction;
+using Scope = StowRestoreScope;
 using Style = C::TextStyle;
 
-const C::Text kNotBackedUp{"Not backed up from here yet", "clock"};
-const C::Button kBackUp{"Back Up Now", "arrow.up.doc.fill", Action::backUp};
-const C::Button kRestore{"Restore", "arrow.down.doc", Action::restore};
-const C::Text kUndo{"Put back the data from before the restore.", ""};
-const C::Button kUndoButton{"Undo and Close App", "arrow.uturn.backward", Action::undoAndCloseApp};
+// Rows by what they are and do, their fixed texts and symbols left out.
+const C::Row kText = C::Text{}, kNote = C::Text{"", "", Style::note}, kValue = C::Value{};
+C::Row button(Action action, bool enabled = true) { return C::Button{"", "", action, enabled}; }
+C::Row toggle(Action action, bool on) { return C::Switch{"", on, "", action}; }
+C::Row choice(Scope scope, bool selected) { return C::Choice{scope, "", "", "", selected}; }
+
+C::Row shapeOf(C::Row row) {
+  std::visit(
+      [](auto& r) {
+        using R = std::decay_t<decltype(r)>;
+        if constexpr (std::is_same_v<R, C::Text>) r = C::Text{"", "", r.style};
+        if constexpr (std::is_same_v<R, C::Button>) r = C::Button{"", "", r.action, r.enabled};
+        if constexpr (std::is_same_v<R, C::Switch>) r = C::Switch{"", r.on, "", r.action};
+        if constexpr (std::is_same_v<R, C::Choice>) r = C::Choice{r.scope, "", "", "", r.selected};
+        if constexpr (std::is_same_v<R, C::Value>) r = C::Value{};
+      },
+      row);
+  return row;
+}
 
 class PanelContentTest : public testing::ModelFixture {
  protected:
@@ -39,55 +54,43 @@ class PanelContentTest : public testing::ModelFixture {
     return kinds;
   }
 
-  // The section of this kind; one titled "absent" when the panel does not show it.
-  C::Section section(Kind kind) {
-    C panel = panelContent(*model, format, now);
-    return panel.section(kind) ? *panel.section(kind) : C::Section{kind, "absent", "", {}};
+  // The rows of the section of this kind; none when the panel does not show it.
+  Rows rows(Kind kind) {
+    const C panel = panelContent(*model, format, now);
+    return panel.section(kind) ? panel.section(kind)->rows : Rows{};
+  }
+
+  Rows shape(Kind kind) {
+    Rows rows = this->rows(kind);
+    for (C::Row& row : rows) row = shapeOf(row);
+    return rows;
   }
 };
 
 TEST_F(PanelContentTest, TheFirstRunShowsTheAppTheWayToBackUpAndTheOptions) {
-  const std::vector<C::Section> expected{
-      {Kind::header, "", "", {C::Header{"Notes", "Version 1.2"}}},
-      {Kind::appData, "THIS APP'S DATA", "", {kNotBackedUp, kBackUp, kRestore}},
-      {Kind::options,
-       "OPTIONS",
-       "",
-       {C::Switch{"Include Caches", false, "Apps rebuild caches on their own.",
-                  Action::includeCaches},
-        C::Switch{"Show When the App Opens", true,
-                  "Off: hold three fingers on the screen, or hold one finger just under the status "
-                  "bar, to open this panel.",
-                  Action::showOnLaunch}}},
-      {Kind::information,
-       "",
-       "",
-       {C::Text{
-           "Backups are .corvelappdata files, the same kind Quarrin makes, so they import into "
-           "Quarrin's App Data and Quarrin backups restore here. Keychain items and shared app "
-           "group data are not included.",
-           "info.circle.fill"}}},
-  };
-  EXPECT_EQ(panelContent(*model, format, now).sections, expected);
+  EXPECT_EQ(kinds(), (Kinds{Kind::header, Kind::appData, Kind::options, Kind::information}));
+  EXPECT_EQ(rows(Kind::header), (Rows{C::Header{"Notes", "Version 1.2"}}));
+  EXPECT_EQ(shape(Kind::appData), (Rows{kText, button(Action::backUp), button(Action::restore)}));
+  EXPECT_EQ(shape(Kind::options),
+            (Rows{toggle(Action::includeCaches, false), toggle(Action::showOnLaunch, true)}));
+  EXPECT_EQ(shape(Kind::information), Rows{kText});
   app.version.reset();
   launch();
-  EXPECT_EQ(section(Kind::header).rows, (Rows{C::Header{"Notes", std::nullopt}}));
+  EXPECT_EQ(rows(Kind::header), (Rows{C::Header{"Notes", std::nullopt}}));
 }
 
 TEST_F(PanelContentTest, WorkDisablesTheActionsAndABackupOffersItsExport) {
-  writeRecord(stagedRestore("Notes", StowRestoreScope::everything), layout.stagedRecord);
-  writeRecord(stagedRestore("Notes", StowRestoreScope::everything), layout.previousRecord);
+  writeRecord(stagedRestore("Notes", Scope::everything), layout.stagedRecord);
+  writeRecord(stagedRestore("Notes", Scope::everything), layout.previousRecord);
   launch();
   const C idle = panelContent(*model, format, now);
   model->backUp();
-  EXPECT_EQ(section(Kind::work).rows, (Rows{C::Progress{"Backing up", 0, "Starting"}}));
-  C::Button backUp = kBackUp, restore = kRestore;
-  backUp.enabled = restore.enabled = false;
-  EXPECT_EQ(section(Kind::appData).rows, (Rows{kNotBackedUp, backUp, restore}));
+  EXPECT_EQ(rows(Kind::work), (Rows{C::Progress{"Backing up", 0, "Starting"}}));
+  EXPECT_EQ(shape(Kind::appData),
+            (Rows{kText, button(Action::backUp, false), button(Action::restore, false)}));
   // Closing the app would end the work half-way.
-  for (Kind kind : {Kind::pending, Kind::lastRestore}) {
-    EXPECT_FALSE(std::get<C::Button>(section(kind).rows.back()).enabled) << int(kind);
-  }
+  EXPECT_EQ(shape(Kind::pending).back(), button(Action::closeApp, false));
+  EXPECT_EQ(shape(Kind::lastRestore).back(), button(Action::undoAndCloseApp, false));
 
   // While the work runs only its progress row changes, in place; its start and end reshape.
   const C started = panelContent(*model, format, now);
@@ -100,10 +103,12 @@ TEST_F(PanelContentTest, WorkDisablesTheActionsAndABackupOffersItsExport) {
   EXPECT_FALSE(changedRows(started, later));
   dispatcher.settle();
   now = *model->settings().lastBackupAt + std::chrono::minutes(5);
-  EXPECT_EQ(section(Kind::work).title, "absent");
-  EXPECT_EQ(section(Kind::appData).rows,
-            (Rows{C::Text{"Last backup 5 minutes ago", "clock.arrow.circlepath"}, kBackUp, kRestore,
-                  C::Button{"Share Last", "square.and.arrow.up", Action::shareLast}}));
+  EXPECT_EQ(kinds(), (Kinds{Kind::header, Kind::appData, Kind::pending, Kind::lastRestore,
+                            Kind::options, Kind::information}));
+  EXPECT_EQ(shape(Kind::appData), (Rows{kText, button(Action::backUp), button(Action::restore),
+                                        button(Action::shareLast)}));
+  EXPECT_EQ(rows(Kind::appData)[0],
+            C::Row(C::Text{"Last backup 5 minutes ago", "clock.arrow.circlepath"}));
 }
 
 TEST_F(PanelContentTest, APreviewReplacesTheActionsBelowAFailureOrTheWorkAndAboveTheRestores) {
@@ -113,99 +118,79 @@ TEST_F(PanelContentTest, APreviewReplacesTheActionsBelowAFailureOrTheWorkAndAbov
   dispatcher.settle();
   const StowDate taken = model->preview()->manifest.createdAt;
   now = taken + std::chrono::hours(49);
-  EXPECT_EQ(section(Kind::appData).rows, (Rows{kNotBackedUp}));
-  const C::Section expected{
-      Kind::preview,
-      "RESTORE THIS BACKUP?",
-      "",
-      {C::Value{"From", "Other"}, C::Value{"Bundle ID", "com.other.app"},
-       C::Value{"App version", "3.0"},
-       C::Value{"Taken", format.dateAndTime(taken) + " (2 days ago)"},
-       C::Value{"Device", "Ada's iPhone"}, C::Value{"Holds", "1 files, 3 bytes"},
-       C::Text{"This backup is from Other. Its settings will be renamed to this app's id.", "",
-               Style::note},
-       C::Choice{StowRestoreScope::everything, "Everything",
-                 "Documents, Library and settings. The app starts exactly as it was backed up.",
-                 "largecircle.fill.circle", true},
-       C::Choice{StowRestoreScope::documents, "Documents",
-                 "Only the Documents folder. Settings and the Library stay as they are now.",
-                 "circle", false},
-       C::Choice{StowRestoreScope::settings, "Settings",
-                 "Only the app's settings. Files stay as they are now.", "circle", false},
-       C::Text{"Nothing changes yet. The data is unpacked and checked first, then swapped in the "
-               "next time the app opens. What it replaces is kept so you can undo.",
-               "", Style::note},
-       C::Button{"Prepare Restore", "checkmark", Action::prepareRestore},
-       C::Button{"Cancel", "xmark", Action::cancelPreview}}};
-  ASSERT_EQ(section(Kind::preview), expected);
+  EXPECT_EQ(shape(Kind::appData), Rows{kText});
+  const Rows preview = rows(Kind::preview);
+  EXPECT_EQ(
+      shape(Kind::preview),
+      (Rows{kValue, kValue, kValue, kValue, kValue, kValue, kNote, choice(Scope::everything, true),
+            choice(Scope::documents, false), choice(Scope::settings, false), kNote,
+            button(Action::prepareRestore), button(Action::cancelPreview)}));
+  EXPECT_EQ(Rows(preview.begin(), preview.begin() + 7),
+            (Rows{C::Value{"From", "Other"}, C::Value{"Bundle ID", "com.other.app"},
+                  C::Value{"App version", "3.0"},
+                  C::Value{"Taken", format.dateAndTime(taken) + " (2 days ago)"},
+                  C::Value{"Device", "Ada's iPhone"}, C::Value{"Holds", "1 files, 3 bytes"},
+                  C::Text{"This backup is from Other. Its settings will be renamed to this "
+                          "app's id.",
+                          "", Style::note}}));
 
-  model->setScope(StowRestoreScope::documents);
-  const auto chosen = section(Kind::preview).rows;
-  EXPECT_FALSE(std::get<C::Choice>(chosen[7]).selected);
+  model->setScope(Scope::documents);
+  const Rows chosen = rows(Kind::preview);
+  EXPECT_EQ(shapeOf(chosen[7]), choice(Scope::everything, false));
   EXPECT_EQ(std::get<C::Choice>(chosen[8]).symbol, "largecircle.fill.circle");
+  EXPECT_EQ(std::get<C::Choice>(chosen[9]).symbol, "circle");
 
   // This app's own backup, from a version without a number: no version row, no renaming note.
   model->chooseBackup(
       makeBackup(StowHostApp{app.bundleID, "Notes", std::nullopt, std::nullopt}, {}));
   dispatcher.settle();
-  const auto own = section(Kind::preview).rows;
-  ASSERT_EQ(own.size(), expected.rows.size() - 2);
+  const Rows own = rows(Kind::preview);
+  ASSERT_EQ(own.size(), preview.size() - 2);
   EXPECT_EQ(std::get<C::Value>(own[2]).label, "Taken");
-  EXPECT_TRUE(std::holds_alternative<C::Choice>(own[5]));
+  EXPECT_EQ(shapeOf(own[5]), choice(Scope::everything, true));
 
   writeRecord(outcome(true, true), layout.outcomeRecord);
-  writeRecord(stagedRestore("Notes", StowRestoreScope::everything), layout.stagedRecord);
+  writeRecord(stagedRestore("Notes", Scope::everything), layout.stagedRecord);
   model->reload();
-  model->setScope(StowRestoreScope::settings);
+  model->setScope(Scope::settings);
   model->prepareRestore();  // the backup holds no settings
   dispatcher.settle();
   // The failed staging cleared the restore staged before it: none is ready any more.
   EXPECT_FALSE(model->pending());
   EXPECT_EQ(kinds(), (Kinds{Kind::header, Kind::appData, Kind::error, Kind::preview,
                             Kind::lastRestore, Kind::options, Kind::information}));
-  EXPECT_EQ(
-      section(Kind::error).rows,
-      (Rows{C::Text{"That backup holds nothing for the part you chose.", "", Style::warning}}));
+  EXPECT_EQ(rows(Kind::error), (Rows{C::Text{*model->errorText(), "", Style::warning}}));
   model->backUp();
   EXPECT_EQ(kinds(), (Kinds{Kind::header, Kind::appData, Kind::work, Kind::preview,
                             Kind::lastRestore, Kind::options, Kind::information}));
 }
 
 TEST_F(PanelContentTest, AStagedRestoreIsReadyToRestoreAndTheLastOffersTheUndoWhileDataIsKept) {
-  writeRecord(stagedRestore("Old Notes", StowRestoreScope::documents), layout.stagedRecord);
+  writeRecord(stagedRestore("Old Notes", Scope::documents), layout.stagedRecord);
   writeRecord(outcome(true, true), layout.outcomeRecord);
-  writeRecord(stagedRestore("Notes", StowRestoreScope::everything), layout.previousRecord);
+  writeRecord(stagedRestore("Notes", Scope::everything), layout.previousRecord);
   launch();  // the model reads the records when it is made
-  EXPECT_EQ(
-      section(Kind::pending),
-      (C::Section{Kind::pending,
-                  "READY TO RESTORE",
-                  "arrow.triangle.2.circlepath.circle.fill",
-                  {C::Text{"Documents from Old Notes", ""}, C::Text{"Backed up 1 day ago", ""},
-                   C::Text{"Close the app and open it again to finish. The app starts with "
-                           "the restored data.",
-                           "", Style::note},
-                   C::Button{"Close App", "power", Action::closeApp}}}));
-  const C::Text applied{"Applied 30 minutes ago, from a backup taken May 1, 2024, 9:30\u202fAM", "",
-                        Style::note};
-  EXPECT_EQ(section(Kind::lastRestore),
-            (C::Section{Kind::lastRestore,
-                        "LAST RESTORE",
-                        "",
-                        {C::Text{"Restored everything from Notes.", "checkmark.circle"}, applied,
-                         kUndo, kUndoButton}}));
+  EXPECT_EQ(shape(Kind::pending), (Rows{kText, kText, kNote, button(Action::closeApp)}));
+  const Rows pending = rows(Kind::pending), last = rows(Kind::lastRestore);
+  EXPECT_EQ(Rows(pending.begin(), pending.begin() + 2),
+            (Rows{C::Text{"Documents from Old Notes", ""}, C::Text{"Backed up 1 day ago", ""}}));
+  const C::Row restored = C::Text{"Restored everything from Notes.", "checkmark.circle"};
+  const C::Row applied = C::Text{
+      "Applied 30 minutes ago, from a backup taken May 1, 2024, 9:30\u202fAM", "", Style::note};
+  EXPECT_EQ(shape(Kind::lastRestore), (Rows{kText, kNote, kText, button(Action::undoAndCloseApp)}));
+  EXPECT_EQ(Rows(last.begin(), last.begin() + 2), (Rows{restored, applied}));
 
   fs::remove(layout.previousRecord);
   writeRecord(outcome(false, true), layout.outcomeRecord);
   model->reload();
-  EXPECT_EQ(section(Kind::lastRestore).rows,
+  EXPECT_EQ(rows(Kind::lastRestore),
             (Rows{C::Text{"Could not move aside Documents", "exclamationmark.triangle"}, applied}));
 
   // Kept data without an outcome record can still be put back.
   fs::remove(layout.outcomeRecord);
-  writeRecord(stagedRestore("Notes", StowRestoreScope::everything), layout.previousRecord);
+  writeRecord(stagedRestore("Notes", Scope::everything), layout.previousRecord);
   model->reload();
-  EXPECT_EQ(section(Kind::lastRestore).rows, (Rows{kUndo, kUndoButton}));
+  EXPECT_EQ(shape(Kind::lastRestore), (Rows{kText, button(Action::undoAndCloseApp)}));
 }
 
 }  // namespace

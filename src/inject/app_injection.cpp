@@ -1,18 +1,21 @@
-#include "app_injection.h"
+#include "inject/app_injection.h"
 
 #include <fcntl.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "base/file_error.h"
 #include "base/files.h"
 #include "base/scope_guard.h"
 #include "base/unique_fd.h"
+#include "inject/app_archive.h"
 #include "platform/platform.h"
 
-namespace corvelstow::cli {
+namespace corvelstow::inject {
 namespace {
 
 constexpr char kRunPath[] = "@executable_path/Frameworks";
@@ -21,6 +24,12 @@ constexpr char kRunPath[] = "@executable_path/Frameworks";
 struct OpenMachFile {
   UniqueFd fd;
   macho::MachFile file;
+};
+
+/// The changes to an app bundle, worked out before any is made.
+struct AppInjection {
+  std::string executable;  // the main executable's file name in the bundle
+  macho::DylibInsertion insertion;
 };
 
 OpenMachFile openMachFile(const fs::path& path, const std::string& name) {
@@ -100,13 +109,8 @@ void writePatchedCopy(const fs::path& source, const fs::path& destination,
   removeTemporary.cancel();
 }
 
-}  // namespace
-
-IosLibrary openIosLibrary(const fs::path& file) {
-  OpenMachFile library = openMachFile(file, file.filename().string());
-  return {file, macho::readDylibIdentity(library.file)};
-}
-
+// The changes to the bundle at `app`, from its Info.plist and its executable as they are.
+// `label` names the bundle in messages.
 AppInjection planAppInjection(const fs::path& app, const std::string& label,
                               const IosLibrary& library) {
   AppInjection injection;
@@ -120,6 +124,10 @@ AppInjection planAppInjection(const fs::path& app, const std::string& label,
   return injection;
 }
 
+// Makes the planned changes in the bundle at `app` (the planned one, or an exact copy of it):
+// the library is copied to Frameworks/libcorvelstow.dylib, then the executable is replaced by
+// its edited copy, with the same permissions. Each file is written beside its place and renamed
+// into it, so a failure leaves the executable as it was.
 void applyAppInjection(const fs::path& app, const AppInjection& injection,
                        const IosLibrary& library) {
   const fs::path frameworks = app / "Frameworks";
@@ -133,4 +141,81 @@ void applyAppInjection(const fs::path& app, const AppInjection& injection,
   writePatchedCopy(executable, executable, injection.insertion, (info.st_mode & 07777) | 0755);
 }
 
-}  // namespace corvelstow::cli
+// A work folder beside `output`, on the same file system, so that the result is renamed into
+// place in one step; removed with everything in it when the guard ends.
+fs::path makeWorkFolder(const fs::path& output) {
+  fs::path parent = output.parent_path().empty() ? "." : output.parent_path();
+  std::string pattern =
+      (parent / ("." + output.filename().string() + ".corvelstow-XXXXXX")).string();
+  if (!::mkdtemp(pattern.data())) throwFileError("create a work folder beside", output);
+  return pattern;
+}
+
+void replace(const fs::path& from, const fs::path& to) {
+  std::error_code error;
+  fs::rename(from, to, error);
+  if (error) {
+    throwFileError(error.value(),
+                   "Could not write " + to.filename().string() + ": " + error.message() + ".");
+  }
+}
+
+// An .app folder: planned on the bundle as it is; changed in place, or in a copy made in the
+// work folder and renamed to the output.
+InjectedApp injectFolder(const fs::path& app, const fs::path& output, const IosLibrary& library) {
+  AppInjection injection = planAppInjection(app, app.filename().string(), library);
+  if (injection.insertion.alreadyLoaded) return {{}, injection.executable, injection.insertion};
+  if (output == app) {
+    applyAppInjection(app, injection, library);
+  } else {
+    const fs::path work = makeWorkFolder(output);
+    ScopeGuard removeWork([&] { files::removeAll(work); });
+    const fs::path copy = work / app.filename();
+    std::error_code error;
+    fs::copy(app, copy, fs::copy_options::recursive | fs::copy_options::copy_symlinks, error);
+    if (error) {
+      throwFileError(error.value(),
+                     "Could not copy " + app.filename().string() + ": " + error.message() + ".");
+    }
+    applyAppInjection(copy, injection, library);
+    replace(copy, output);
+  }
+  return {output, injection.executable, injection.insertion};
+}
+
+// An .ipa: unpacked in the work folder, changed there and packed again, the library's entries
+// added after the others.
+InjectedApp injectArchive(const fs::path& ipa, const fs::path& output, const IosLibrary& library) {
+  const fs::path work = makeWorkFolder(output);
+  ScopeGuard removeWork([&] { files::removeAll(work); });
+  const fs::path unpacked = work / "unpacked";
+  UnpackedApp archive = unpackApp(ipa, unpacked);
+  const fs::path bundle = unpacked / archive.app;
+  AppInjection injection = planAppInjection(bundle, bundle.filename().string(), library);
+  if (injection.insertion.alreadyLoaded) return {{}, injection.executable, injection.insertion};
+  applyAppInjection(bundle, injection, library);
+
+  for (const std::string& added :
+       {archive.app + "/Frameworks/", archive.app + "/Frameworks/" + kLibraryName}) {
+    auto& entries = archive.entries;
+    if (std::find(entries.begin(), entries.end(), added) == entries.end()) entries.push_back(added);
+  }
+  const fs::path packed = work / output.filename();
+  packApp(unpacked, archive.entries, packed);
+  replace(packed, output);
+  return {output, injection.executable, injection.insertion};
+}
+
+}  // namespace
+
+IosLibrary openIosLibrary(const fs::path& file) {
+  OpenMachFile library = openMachFile(file, file.filename().string());
+  return {file, macho::readDylibIdentity(library.file)};
+}
+
+InjectedApp injectApp(const fs::path& app, const fs::path& output, const IosLibrary& library) {
+  return files::isFolder(app) ? injectFolder(app, output, library)
+                              : injectArchive(app, output, library);
+}
+
+}  // namespace corvelstow::inject

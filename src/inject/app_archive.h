@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace corvelstow::cli {
+namespace corvelstow::inject {
 
 namespace fs = std::filesystem;
 
@@ -28,4 +28,4 @@ UnpackedApp unpackApp(const fs::path& ipa, const fs::path& folder);
 void packApp(const fs::path& folder, const std::vector<std::string>& entries,
              const fs::path& destination);
 
-}  // namespace corvelstow::cli
+}  // namespace corvelstow::inject

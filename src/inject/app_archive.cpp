@@ -1,4 +1,4 @@
-#include "app_archive.h"
+#include "inject/app_archive.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -13,7 +13,7 @@
 #include "base/files.h"
 #include "base/unique_fd.h"
 
-namespace corvelstow::cli {
+namespace corvelstow::inject {
 namespace {
 
 constexpr std::string_view kPayload = "Payload/";
@@ -86,4 +86,4 @@ void packApp(const fs::path& folder, const std::vector<std::string>& entries,
   writer.finish();
 }
 
-}  // namespace corvelstow::cli
+}  // namespace corvelstow::inject
