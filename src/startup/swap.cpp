@@ -259,17 +259,21 @@ void moveAside(Swap& swap, Part part, const std::set<std::string>& excluded) {
     if (!files::moveNoReplace(live, name, aside, name)) {
       swap.failures().push_back("Could not move aside " + name);
       swap.journal.kept.entries.push_back(entry);
+      if (!swap.restores()) swap.journal.kept.restoredEntries.push_back(entry);
     }
   }
 }
 
 // Moves every source entry of `part` not named in `excluded` into place, never over an entry
-// that is still there (one that could not be moved aside): that one stays in the source.
+// that is still there (one that could not be moved aside): that one stays in the source. A
+// staging never holds a link (none is unpacked), so one found in Staged was put there by
+// something else, and is not let in.
 void putBack(Swap& swap, Part part, const std::set<std::string>& excluded) {
   const int source = swap.folders.source[part].get(), live = swap.folders.live[part].get();
   for (const auto& name : files::listNames(source)) {
     if (excluded.count(name)) continue;
-    if (!files::moveNoReplace(source, name, live, name)) {
+    if ((swap.restores() && files::isLink(source, name)) ||
+        !files::moveNoReplace(source, name, live, name)) {
       swap.failures().push_back("Could not put back " + name);
     }
   }
@@ -305,11 +309,12 @@ void setSettingsAside(Swap& swap) {
     } else {
       copied = files::moveNoReplace(live, name, aside, name) || !files::exists(live, name);
     }
-    if (!copied) {
-      swap.failures().push_back("Could not move aside " + name);
-      swap.journal.kept.domains.push_back(domain);
-    } else if (!targets.count(domain) && !store.removeDomain(domain)) {
-      swap.failures().push_back("Could not move aside " + name);
+    const bool removed = !copied || targets.count(domain) || store.removeDomain(domain);
+    if (!copied || !removed) swap.failures().push_back("Could not move aside " + name);
+    if (!copied) swap.journal.kept.domains.push_back(domain);
+    // Restored settings that an undo could not set aside: the next undo sets them aside.
+    if ((!copied || !removed) && !swap.restores()) {
+      swap.journal.kept.restoredDomains.push_back(domain);
     }
   }
   if (!store.synchronize()) swap.failures().push_back("Could not save the settings");
@@ -415,6 +420,16 @@ void dropSettingsPutBack(Swap& swap) {
   }
 }
 
+// Whether anything but folders (and, at the top, kept.json) lies below `folder`.
+bool holdsData(int folder, bool top = true) {
+  for (const auto& name : files::listNames(folder)) {
+    if (top && name == kKeptRecordName) continue;
+    UniqueFd inside = files::openFolder(folder, name);
+    if (!inside || holdsData(inside.get(), false)) return true;
+  }
+  return false;
+}
+
 // An undo discards the restored data it moved aside. What it could not put back stays in
 // Previous, and previous.json with it, so that the user can undo again: that undo swaps just
 // what Previous still holds (kept.json says so). Otherwise Previous goes, record first: a
@@ -422,12 +437,16 @@ void dropSettingsPutBack(Swap& swap) {
 bool finishUndo(Swap& swap) {
   const int work = swap.work(), trash = swap.folders.trash.get();
   const bool succeeded = swap.failures().empty();
-  if (!succeeded) {
-    if (!writeSwapRecord(swap, StowKeptLive{{}, {}, true}, swap.folders.sourceRoot.get(),
-                         kKeptRecordName)) {
+  if (!succeeded) dropSettingsPutBack(swap);
+  const StowKeptLive& kept = swap.journal.kept;
+  const bool keep = !succeeded && (holdsData(swap.folders.sourceRoot.get()) ||
+                                   !kept.restoredEntries.empty() || !kept.restoredDomains.empty());
+  if (keep) {
+    if (!writeSwapRecord(swap,
+                         StowKeptLive{{}, {}, true, kept.restoredEntries, kept.restoredDomains},
+                         swap.folders.sourceRoot.get(), kKeptRecordName)) {
       return false;
     }
-    dropSettingsPutBack(swap);
   } else {
     const std::string record = swap.layout.previousRecord.filename().string();
     if (files::exists(work, record) && !moveToTrash(work, record, trash)) return false;
@@ -437,7 +456,7 @@ bool finishUndo(Swap& swap) {
   files::syncFolder(work);
   std::string message = succeeded ? "Put back the data from before the restore."
                                    : swapMessage(swap.record(), swap.failures());
-  writeOutcome(swap, message, succeeded, !succeeded);
+  writeOutcome(swap, message, succeeded, keep);
   return true;
 }
 
@@ -687,16 +706,20 @@ std::vector<std::string> namesMissingFrom(int folder, int other) {
 
 // An undo that puts back only what Previous holds leaves live everything that Previous does
 // not hold: what the restore could not set aside, what an earlier undo put back, what the app
-// has written since, and what the restore added.
-void keepAllButPrevious(Swap& swap) {
+// has written since, and what the restore added; but what an earlier undo meant to set aside
+// and could not (`restored`), which it sets aside now.
+void keepAllButPrevious(Swap& swap, const StowKeptLive& restored = {}) {
   const Folders& f = swap.folders;
   for (Part part : {kDocuments, kLibrary}) {
     for (const auto& name : namesMissingFrom(f.live[part].get(), f.source[part].get())) {
-      swap.journal.kept.entries.push_back(std::string(kPartNames[part]) + "/" + name);
+      const std::string entry = std::string(kPartNames[part]) + "/" + name;
+      if (!contains(restored.restoredEntries, entry)) swap.journal.kept.entries.push_back(entry);
     }
   }
   for (const auto& name : namesMissingFrom(f.live[kPreferences].get(), f.source[kPreferences].get())) {
-    if (isPlistName(name)) swap.journal.kept.domains.push_back(domainOf(name));
+    if (isPlistName(name) && !contains(restored.restoredDomains, domainOf(name))) {
+      swap.journal.kept.domains.push_back(domainOf(name));
+    }
   }
 }
 
@@ -712,7 +735,7 @@ void keepLiveWhatTheRestoreKept(Swap& swap, bool recordDamaged) {
                                           "back"));
     keepAllButPrevious(swap);
   } else if (kept.record && kept.record->allButPrevious) {
-    keepAllButPrevious(swap);
+    keepAllButPrevious(swap, *kept.record);
   } else if (kept.record) {
     swap.journal.kept = std::move(*kept.record);
   }
@@ -770,15 +793,6 @@ StowSwapResult start(const StowLayout& layout, const std::string& hostBundleID, 
 }
 
 // Recovering a swap whose journal cannot be read ------------------------------------------------
-
-// Whether anything but folders lies below `folder`.
-bool holdsData(int folder) {
-  for (const auto& name : files::listNames(folder)) {
-    UniqueFd inside = files::openFolder(folder, name);
-    if (!inside || holdsData(inside.get())) return true;
-  }
-  return false;
-}
 
 // `name`, or "name (2)", "name (3)"...: the first that `folder` does not hold.
 std::string freeName(int folder, const std::string& name) {
@@ -840,7 +854,10 @@ StowSwapResult recover(const StowLayout& layout, const std::string& hostBundleID
       }
     }
   }
-  if (f.asideRoot && !holdsData(f.asideRoot.get())) moveToTrash(work, "Previous-new", trash);
+  // Previous-new goes once it holds nothing more; until then so does the journal.
+  const bool unplaced = files::exists(work, "Previous-new") && f.asideRoot &&
+                        holdsData(f.asideRoot.get());
+  if (!unplaced) moveToTrash(work, "Previous-new", trash);
   UniqueFd previous = files::openFolder(work, "Previous");
   if (rest && previous) {
     writeSwapRecord(swap, StowKeptLive{{}, {}, true}, previous.get(), kKeptRecordName);
@@ -848,7 +865,7 @@ StowSwapResult recover(const StowLayout& layout, const std::string& hostBundleID
       writeSwapRecord(swap, previousStandIn(layout), work, "previous.json");
     }
   }
-  moveToTrash(work, layout.swapJournal.filename().string(), trash);
+  if (!unplaced) moveToTrash(work, layout.swapJournal.filename().string(), trash);
   writeOutcome(swap,
                "The last restore or undo was cut short and swap.json could not be read: what "
                "had a free place is back, the rest is kept for an undo.",

@@ -213,6 +213,8 @@ void read(const json& object, StowKeptLive& k) {
   k.entries = readNames(field(object, "entries"));
   k.domains = readStrings(field(object, "domains"));
   k.allButPrevious = readBool(field(object, "allButPrevious"));
+  if (hasValue(object, "restoredEntries")) k.restoredEntries = readNames(object.at("restoredEntries"));
+  if (hasValue(object, "restoredDomains")) k.restoredDomains = readStrings(object.at("restoredDomains"));
 }
 
 void read(const json& object, StowSwapJournal& j) {
@@ -278,9 +280,12 @@ json toJson(const StowOutcome& o) {
 }
 
 json toJson(const StowKeptLive& k) {
-  return {{"entries", namesJson(k.entries)},
-          {"domains", k.domains},
-          {"allButPrevious", k.allButPrevious}};
+  json object = {{"entries", namesJson(k.entries)},
+                 {"domains", k.domains},
+                 {"allButPrevious", k.allButPrevious}};
+  if (!k.restoredEntries.empty()) object["restoredEntries"] = namesJson(k.restoredEntries);
+  if (!k.restoredDomains.empty()) object["restoredDomains"] = k.restoredDomains;
+  return object;
 }
 
 json toJson(const StowSwapJournal& j) {

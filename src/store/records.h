@@ -102,11 +102,14 @@ enum class StowSwapStep {
 
 /// What a swap leaves live (kept.json in Previous, for the undo after a restore): the entries
 /// and settings domains the restore could not set aside, which are still the user's own; or,
-/// once an undo could not put everything back, everything but what Previous still holds.
+/// once an undo could not put everything back, everything but what Previous still holds, and
+/// but the restored data that undo could not set aside, which the next one sets aside.
 struct StowKeptLive {
   std::vector<std::string> entries;  ///< "Documents/NAME" or "Library/NAME"
   std::vector<std::string> domains;
   bool allButPrevious = false;
+  std::vector<std::string> restoredEntries;  ///< set aside by the next undo all the same
+  std::vector<std::string> restoredDomains;
 
   bool operator==(const StowKeptLive&) const = default;
 };

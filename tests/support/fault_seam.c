@@ -11,11 +11,12 @@
 // that the process's own output and the reading of files are left out. `change` stands for every
 // kind, in the order the calls come.
 //
-//   CORVELSTOW_FAIL=RULE;RULE...   each RULE is KIND#N (the Nth call of that kind) or
+//   CORVELSTOW_FAIL=RULE;RULE...   each RULE is KIND#N (the Nth call of that kind),
 //                                  KIND@PIECE,PIECE... (every call whose path, either path of a
-//                                  rename, ends in a piece at a "/"), optionally followed by
-//                                  =ERRNO; by default ENOSPC for write, create and mkdir, else
-//                                  EIO. A failed close still closes, as on Linux.
+//                                  rename, ends in a piece at a "/"), or KIND@PIECE...#N (the Nth
+//                                  of those), optionally followed by =ERRNO; by default ENOSPC
+//                                  for write, create and mkdir, else EIO. A failed close still
+//                                  closes, as on Linux.
 //   CORVELSTOW_KILL=KIND#N         the process is killed (SIGKILL) as it asks for that call
 //   CORVELSTOW_RELINK=KIND#N       just before that call, CORVELSTOW_RELINK_PATH is renamed to
 //                                  PATH.replaced and a symbolic link to CORVELSTOW_RELINK_TARGET
@@ -143,36 +144,47 @@ static int listed(const char* list, const char* end, const char* path) {
   return 0;
 }
 
-// Whether one rule of `variable` (RULE;RULE...) names this call: the `number`th of `kind`, or
-// one on `path` or `other`. Its errno, when it gives one, goes to `code`.
-static int ruled(const char* variable, enum Kind kind, int number, int changeNumber,
+// How many calls each rule of each variable has matched, for KIND@PIECES#N.
+#define kMostRules 16
+static int ruleCalls[3][kMostRules];
+
+// Whether a rule of `variable` (the `slot`th of three; RULE;RULE...) names this call: the
+// `number`th of `kind`, or one on `path` or `other` (the Nth of those, with #N; every rule
+// counts its own). The errno a matching rule gives goes to `code`.
+static int ruled(const char* variable, int slot, enum Kind kind, int number, int changeNumber,
                  const char* path, const char* other, int* code) {
   const char* rules = getenv(variable);
-  for (const char* rule = rules; rule && *rule;) {
+  int index = 0, any = 0;
+  for (const char* rule = rules; rule && *rule; ++index) {
     const char* end = strchr(rule, ';');
     if (!end) end = rule + strlen(rule);
     const char* equals = memchr(rule, '=', (size_t)(end - rule));
     const char* body = equals ? equals : end;
+    const char* hash = memchr(rule, '#', (size_t)(body - rule));
     size_t nameLength = strcspn(rule, "#@");
-    int named = nameLength < (size_t)(body - rule) &&
-                strncmp(rule, kKindNames[kind], nameLength) == 0 &&
-                kKindNames[kind][nameLength] == '\0';
-    int any = strncmp(rule, "change#", 7) == 0;
     int matched = 0;
-    if (any) {
+    if (strncmp(rule, "change#", 7) == 0) {
       matched = atoi(rule + 7) == changeNumber;
-    } else if (named && rule[nameLength] == '#') {
-      matched = atoi(rule + nameLength + 1) == number;
-    } else if (named && rule[nameLength] == '@') {
-      matched = listed(rule + nameLength + 1, body, path) || listed(rule + nameLength + 1, body, other);
+    } else if (nameLength < (size_t)(body - rule) &&
+               strncmp(rule, kKindNames[kind], nameLength) == 0 &&
+               kKindNames[kind][nameLength] == '\0') {
+      if (rule[nameLength] == '@') {
+        const char* pieces = rule + nameLength + 1;
+        const char* piecesEnd = hash ? hash : body;
+        matched = listed(pieces, piecesEnd, path) || listed(pieces, piecesEnd, other);
+        if (matched && hash && index < kMostRules) {
+          matched = __atomic_add_fetch(&ruleCalls[slot][index], 1, __ATOMIC_SEQ_CST) ==
+                    atoi(hash + 1);
+        }
+      } else {
+        matched = atoi(rule + nameLength + 1) == number;
+      }
     }
-    if (matched) {
-      if (code && equals) *code = atoi(equals + 1);
-      return 1;
-    }
+    if (matched && code && equals) *code = atoi(equals + 1);
+    any = any || matched;
     rule = *end ? end + 1 : end;
   }
-  return 0;
+  return any;
 }
 
 static void relink(void) {
@@ -191,11 +203,11 @@ static void relink(void) {
 static int fault(enum Kind kind, const char* path, const char* other) {
   int number = __atomic_add_fetch(&calls[kind], 1, __ATOMIC_SEQ_CST);
   int changeNumber = __atomic_add_fetch(&calls[kChange], 1, __ATOMIC_SEQ_CST);
-  if (ruled("CORVELSTOW_KILL", kind, number, changeNumber, path, other, NULL)) {
+  if (ruled("CORVELSTOW_KILL", 0, kind, number, changeNumber, path, other, NULL)) {
     report();
     raise(SIGKILL);
   }
-  if (ruled("CORVELSTOW_RELINK", kind, number, changeNumber, path, other, NULL)) relink();
+  if (ruled("CORVELSTOW_RELINK", 1, kind, number, changeNumber, path, other, NULL)) relink();
   const char* slow = getenv("CORVELSTOW_SLOW_RENAMES");
   if (slow && kind == kRename) {
     long ms = atol(slow);
@@ -203,7 +215,7 @@ static int fault(enum Kind kind, const char* path, const char* other) {
     nanosleep(&pause, NULL);
   }
   int code = kDefaultErrno[kind];
-  if (ruled("CORVELSTOW_FAIL", kind, number, changeNumber, path, other, &code)) {
+  if (ruled("CORVELSTOW_FAIL", 2, kind, number, changeNumber, path, other, &code)) {
     errno = code;
     return 1;
   }
