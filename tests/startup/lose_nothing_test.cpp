@@ -103,8 +103,11 @@ class LoseNothingTest : public testing::ContainerFixture {
     return archive;
   }
 
-  testing::ProcessResult restore(const fs::path& archive, Environment environment = {}) {
-    return command({"restore", archive.string(), "--threads", "1"}, environment);
+  testing::ProcessResult restore(const fs::path& archive, Environment environment = {},
+                                 StowRestoreScope scope = StowRestoreScope::everything) {
+    return command({"restore", archive.string(), "--scope", std::string(rawValue(scope)),
+                    "--threads", "1"},
+                   environment);
   }
 
   // What a power cut leaves of the files written and not synced since (the seam's list of
@@ -190,7 +193,7 @@ TEST_P(LoseNothingScopeTest, APowerCutAtAnyCallNeverRestoresWrongData) {
   const fs::path pristine = folder / "pristine", staged = folder / "staged";
   save(pristine);
   const auto restoreCalls = callsOf([&](const Environment& counting) {
-    ASSERT_EQ(restore(archive, counting).exitCode, 0);
+    ASSERT_EQ(restore(archive, counting, scope).exitCode, 0);
   });
   save(staged);
   const auto launchCalls = callsOf([&](const Environment& counting) { launchWith(counting); });
@@ -204,7 +207,8 @@ TEST_P(LoseNothingScopeTest, APowerCutAtAnyCallNeverRestoresWrongData) {
       reset(before);
       const Environment cut{{"CORVELSTOW_KILL", "change#" + std::to_string(n)},
                             {"CORVELSTOW_UNSYNCED", unsynced.string()}};
-      auto killed = std::string(operation) == "restore" ? restore(archive, cut) : launchWith(cut);
+      auto killed =
+          std::string(operation) == "restore" ? restore(archive, cut, scope) : launchWith(cut);
       ASSERT_EQ(killed.exitCode, 128 + SIGKILL) << operation << " cut at call " << n;
       emptyUnsynced(unsynced);
       ASSERT_EQ(launch().exitCode, 0);
