@@ -5,6 +5,8 @@
 //
 //   over_earlier_bench [FILES] [FOLDERS]     (default 100000 100)
 
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -54,6 +56,8 @@ int main(int argc, char** argv) {
     std::ofstream(layout.staged / ".staging-0123456789abcdef0123456789abcdef");
     writeRecord(layout.stagedRecord, "0123456789abcdef0123456789abcdef");
     writeRecord(layout.previousRecord, "fedcba9876543210fedcba9876543210");
+    // The data was written long before the app opens: its first sync must not pay for it.
+    ::sync();
   };
 
   double bare = 1e9, launch = 1e9;

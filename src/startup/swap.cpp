@@ -22,7 +22,7 @@ namespace {
 
 constexpr std::string_view kPlistExtension = ".plist";
 // In Previous: what the next undo leaves live (StowKeptLive).
-const std::string kKeptRecordName = "kept.json";
+constexpr const char* kKeptRecordName = "kept.json";
 // Room kept on the volume for the journal's rewrites and the finish's records, besides three
 // times the length of every top-level name the swap may record.
 constexpr std::size_t kRoomBase = 64 * 1024;
@@ -412,6 +412,7 @@ bool finishRestore(Swap& swap) {
 void dropSettingsPutBack(Swap& swap) {
   const int copies = swap.folders.source[kPreferences].get();
   platform::PreferencesStore store = liveStore(swap);
+  if (!store.synchronize()) return;
   for (const auto& name : plistNames(copies)) {
     auto copy = parseDomain(copies, name);
     if (copy && store.domain(swap.targetName(domainOf(name))) == copy) {
@@ -860,7 +861,7 @@ StowSwapResult recover(const StowLayout& layout, const std::string& hostBundleID
   if (!unplaced) moveToTrash(work, "Previous-new", trash);
   UniqueFd previous = files::openFolder(work, "Previous");
   if (rest && previous) {
-    writeSwapRecord(swap, StowKeptLive{{}, {}, true}, previous.get(), kKeptRecordName);
+    writeSwapRecord(swap, StowKeptLive{{}, {}, true, {}, {}}, previous.get(), kKeptRecordName);
     if (!readRecord<StowStagedRestore>(layout.previousRecord)) {
       writeSwapRecord(swap, previousStandIn(layout), work, "previous.json");
     }

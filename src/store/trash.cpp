@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 
@@ -15,7 +16,9 @@ bool moveToTrash(int folder, const std::string& name, int trash) {
   for (int attempt = 0; attempt < 10; ++attempt) {
     // A fresh prefix, and as much of the name as fits, so that the trash tells what it holds.
     std::string unique = newStagingToken().substr(0, 12) + "-" + name;
-    if (unique.size() > NAME_MAX) unique.resize(NAME_MAX);
+    size_t end = std::min<size_t>(unique.size(), NAME_MAX);
+    while (end < unique.size() && (static_cast<unsigned char>(unique[end]) & 0xC0) == 0x80) --end;
+    unique.resize(end);  // cut between characters
     if (files::moveNoReplace(folder, name, trash, unique)) return true;
     if (errno != EEXIST) return false;
   }

@@ -208,6 +208,21 @@ TEST_F(LaunchTest, UndoRunsBeforeANewlyStagedRestore) {
   EXPECT_EQ(result->message, "Restored documents from Notes.");
   EXPECT_TRUE(result->canUndo);
   expectStagingCleared();
+
+  // An undo that cannot put everything back is told, not replaced by the restore staged after
+  // it, which waits while Previous holds what the undo kept.
+  ASSERT_EQ(testing::runCommand({"--home", layout.home.string(), "undo"}).exitCode, 0);
+  stage(StowRestoreScope::documents);
+  ASSERT_EQ(launch({{"LD_PRELOAD", CORVELSTOW_FAULT_SEAM},
+                    {"CORVELSTOW_FAIL", "rename@Previous/Documents/old.txt"}})
+                .exitCode,
+            0);
+  EXPECT_EQ(outcome()->message, "Could not put back old.txt");
+  EXPECT_TRUE(fs::exists(layout.stagedRecord));
+  ASSERT_EQ(testing::runCommand({"--home", layout.home.string(), "undo"}).exitCode, 0);
+  ASSERT_EQ(launch().exitCode, 0);
+  EXPECT_EQ(outcome()->message, "Restored documents from Notes.");
+  EXPECT_EQ(readFile(layout.previous / "Documents/old.txt"), "live old");
 }
 
 // The system may load the app before the device's first unlock, when its files cannot be read
