@@ -19,6 +19,7 @@
 #include "base/files.h"
 #include "base/scope_guard.h"
 #include "platform/platform.h"
+#include "startup/startup.h"
 #include "store/container_lock.h"
 #include "store/records.h"
 
@@ -276,6 +277,8 @@ std::string exportFileName(std::string_view appName, StowDate createdAt) {
 fs::path backUp(const StowLayout& layout, const StowHostApp& app, const std::string& deviceName,
                 bool includeCaches, unsigned threads, const StowProgress& progress) {
   const std::optional<StowContainerLock> lock = lockFor(layout);
+  // Half-swapped data is no backup, and would replace the last good export.
+  refuseWhileSwapUnfinished(layout);
   // Settings reach Library/Preferences only when the store has written them out.
   platform::PreferencesStore(layout.preferences).synchronize();
   progress(0.0, "Looking through the app's data");

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <string_view>
 #include <unordered_set>
 
@@ -20,9 +21,11 @@
 #include "base/files.h"
 #include "base/scope_guard.h"
 #include "base/unique_fd.h"
+#include "backup/tree_walk.h"
 #include "platform/platform.h"
 #include "startup/startup.h"
 #include "store/container_lock.h"
+#include "store/trash.h"
 
 namespace corvelstow {
 namespace {
@@ -33,8 +36,8 @@ constexpr std::int64_t kProgressEvery = 8;  // files
 constexpr std::uint64_t kLargeFile = 1 << 20;
 // Past this many threads, more would only hold more buffers: storage is the bound by then.
 constexpr unsigned kMostThreads = 8;
-constexpr const char* kSwapUnfinishedText =
-    "The last restore or undo has not finished yet: it finishes the next time the app opens.";
+constexpr const char* kUndoUnfinishedText =
+    "The last undo could not put everything back: undo again before restoring.";
 
 bool startsWith(std::string_view text, std::string_view prefix) {
   return text.substr(0, prefix.size()) == prefix;
@@ -69,28 +72,44 @@ std::string shown(std::string_view name) {
   return text;
 }
 
-/// Creates every folder of `path` with mode 0755; one that exists already is fine.
-void makeFolders(const std::string& path) {
-  std::string prefix = path.front() == '/' ? "/" : "";
-  for (size_t start = 0; start < path.size();) {
-    size_t end = std::min(path.find('/', start), path.size());
-    std::string_view piece(path.data() + start, end - start);
+[[noreturn]] void throwCreateError(const std::string& what, int code) {
+  const std::string reason = code == ELOOP ? "a link stands in its place" : std::strerror(code);
+  throwFileError(code, "Could not create " + what + ": " + reason + ".");
+}
+
+/// Stands `chain` in `folder` (a path below its root), creating, with mode 0755, each folder on
+/// the way that is missing; one that exists already is fine. Every folder is entered from its
+/// parent without following a link, so that nothing is created outside the staging, whatever
+/// is put in its way, and no path is longer than one name.
+void makeFolders(FolderChain& chain, std::string_view folder) {
+  if (chain.moveTo(folder)) return;
+  std::vector<std::string> names;
+  for (size_t start = 0; start < folder.size();) {
+    size_t end = std::min(folder.find('/', start), folder.size());
+    if (end > start) names.emplace_back(folder.substr(start, end - start));
     start = end + 1;
-    if (piece.empty()) continue;
-    if (!prefix.empty() && prefix.back() != '/') prefix += '/';
-    prefix += piece;
-    if (::mkdir(prefix.c_str(), 0755) != 0 && errno != EEXIST) {
-      throwFileError(errno, "Could not create the folder " + std::string(piece) + ".");
+  }
+  // moveTo stopped in front of the first folder it could not enter.
+  for (size_t level = chain.depth(); level < names.size(); ++level) {
+    const std::string& name = names[level];
+    if (chain.enter(name)) continue;
+    if (errno == ENOTDIR && files::isLink(chain.current(), name)) errno = ELOOP;
+    if (errno != ENOENT || chain.current() < 0 ||
+        (::mkdirat(chain.current(), name.c_str(), 0755) != 0 && errno != EEXIST) ||
+        !chain.enter(name)) {
+      throwCreateError("the folder " + name, errno);
     }
   }
 }
 
 // A new file: one already there came from an earlier entry, which this one would overwrite (a
 // name that only differs in case, on a volume that ignores case).
-UniqueFd createFile(const std::string& path, const StowZipItem& item) {
-  UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+UniqueFd createFile(int folder, const std::string& name, const StowZipItem& item) {
+  UniqueFd fd(
+      ::openat(folder, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+  if (!fd && errno == EEXIST && files::isLink(folder, name)) errno = ELOOP;
   if (!fd && errno == EEXIST) throw StowRestoreError::heldTwice(shown(item.path));
-  if (!fd) throwFileError(errno, "Could not create " + fs::path(path).filename().string() + ".");
+  if (!fd) throwCreateError(name, errno);
   return fd;
 }
 
@@ -147,7 +166,7 @@ std::uint64_t checkRoom(const fs::path& staged, const std::vector<const StowZipI
 // What each unpacking thread keeps of its own.
 struct UnpackThread {
   StowZipReader::Unpacker unpacker;
-  std::string lastFolder;  // the folder made for its previous file: most files share one
+  FolderChain chain;  // standing in the folder of its previous file: most files share one
 };
 
 // Thrown into a file's unpacking once an earlier entry has failed.
@@ -157,28 +176,26 @@ struct NoLongerNeeded {};
 /// in all; returns how many files came out. Progress is told from the calling thread, at every
 /// 8th file finished and the last, whatever the number of threads.
 std::int64_t unpack(const StowZipReader& reader, const std::vector<const StowZipItem*>& selected,
-                    const std::string& staged, std::int64_t fileCount, std::uint64_t limit,
+                    const fs::path& staged, std::int64_t fileCount, std::uint64_t limit,
                     unsigned threads, const StowProgress& progress) {
-  const std::string base = staged.back() == '/' ? staged : staged + "/";
   std::vector<UnpackThread> own;
-  for (unsigned thread = 0; thread < threads; ++thread) own.push_back({reader.unpacker(), {}});
+  for (unsigned thread = 0; thread < threads; ++thread) {
+    own.push_back({reader.unpacker(), FolderChain(staged)});
+  }
   std::atomic<std::uint64_t> written{0};
 
   const auto unpackOne = [&](const StowWorkSlot& slot) {
     const StowZipItem& item = *selected[slot.index];
     UnpackThread& mine = own[slot.thread];
-    std::string destination = base + std::string(relativeName(item));
+    std::string destination(relativeName(item));
     if (destination.back() == '/') {
       destination.pop_back();
-      makeFolders(destination);
+      makeFolders(mine.chain, destination);
       return false;
     }
-    std::string folder = destination.substr(0, destination.rfind('/'));
-    if (folder != mine.lastFolder) {
-      makeFolders(folder);
-      mine.lastFolder = folder;
-    }
-    UniqueFd file = createFile(destination, item);
+    const size_t slash = destination.rfind('/');
+    makeFolders(mine.chain, std::string_view(destination).substr(0, slash));
+    UniqueFd file = createFile(mine.chain.current(), destination.substr(slash + 1), item);
     const ByteSink write = [&](std::string_view piece) {
       if (slot.cancelled()) throw NoLongerNeeded{};
       // The reader holds each entry to its declared size; this holds the whole to the total.
@@ -195,7 +212,8 @@ std::int64_t unpack(const StowZipReader& reader, const std::vector<const StowZip
     } else {
       mine.unpacker.extract(item, write);
     }
-    if (!file.close()) throwFileError("write", destination);
+    files::startSync(file.get());
+    if (!file.close()) throwFileError("write", item.path);
     return true;
   };
 
@@ -217,15 +235,30 @@ std::int64_t unpack(const StowZipReader& reader, const std::vector<const StowZip
 
 }  // namespace
 
+// The staging is built in Staged-new, beside the one that waits, which stays whole until the
+// new one is complete: staged.json, written last, names it by its token, and only then does it
+// take Staged's place (a launch finishes that move when it is cut short: settleStaging).
 void stageRestore(const StowLayout& layout, const fs::path& archive, StowRestoreScope scope,
                   unsigned threads, const StowProgress& progress) {
   // Ends (when it began) whatever happens below, failures included.
   platform::ScopedFileAccess access(archive);
   StowContainerLock lock = StowContainerLock::acquire(layout);
   // A swap cut short still needs its Staged folder: the next launch finishes it first.
-  if (files::exists(layout.swapJournal)) throwFileError(EBUSY, kSwapUnfinishedText);
-  clearStaging(layout);
-  if (!files::createFolders(layout.staged)) throwFileError("create the folder", layout.staged);
+  refuseWhileSwapUnfinished(layout);
+  if (undoUnfinished(layout)) throwFileError(EBUSY, kUndoUnfinishedText);
+  settleStaging(layout);
+  UniqueFd work = files::openFolder(layout.workFolder);
+  UniqueFd trash = files::makeFolder(work.get(), layout.trash.filename().string());
+  // A staged.json that cannot be read names no staging: it goes, with the folder it stood for.
+  if (readRecordFile<StowStagedRestore>(layout.stagedRecord).damaged) {
+    moveToTrash(work.get(), layout.stagedRecord.filename().string(), trash.get());
+    moveToTrash(work.get(), layout.staged.filename().string(), trash.get());
+  }
+  const std::string building = layout.stagedNew.filename().string();
+  if (files::exists(work.get(), building)) moveToTrash(work.get(), building, trash.get());
+  UniqueFd staging = files::makeFolder(work.get(), building);
+  if (!staging) throwFileError("create the folder", layout.stagedNew);
+  ScopeGuard trashOnFailure([&] { moveToTrash(work.get(), building, trash.get()); });
   StowZipReader reader(archive);
   StowManifest manifest = readManifest(reader);
 
@@ -242,20 +275,25 @@ void stageRestore(const StowLayout& layout, const fs::path& archive, StowRestore
     throw StowRestoreError::nothingToRestore();
   }
 
-  ScopeGuard clearOnFailure([&] { clearStaging(layout); });
   checkNames(selected);
-  const std::uint64_t limit = checkRoom(layout.staged, selected, manifest.totalBytes);
-  std::int64_t done = unpack(reader, selected, layout.staged.string(), fileCount, limit,
+  const std::uint64_t limit = checkRoom(layout.stagedNew, selected, manifest.totalBytes);
+  std::int64_t done = unpack(reader, selected, layout.stagedNew, fileCount, limit,
                              std::clamp(threads, 1u, kMostThreads), progress);
   // Parts of a backup are partial by design; only a whole restore is held to the count.
   if (scope == StowRestoreScope::everything && manifest.fileCount > 0 &&
       done < manifest.fileCount) {
     throw StowRestoreError::incomplete(manifest.fileCount, done);
   }
-  if (!writeRecord(StowStagedRestore{manifest, scope, currentDate()}, layout.stagedRecord)) {
-    throwFileError("write", layout.stagedRecord);
+  // Every file reaches the storage before the record that names them does.
+  const StowStagedRestore record{manifest, scope, currentDate(), newStagingToken()};
+  if (!UniqueFd(::openat(staging.get(), stagingMarker(*record.token).c_str(),
+                         O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644))) {
+    throwFileError("write", layout.stagedNew);
   }
-  clearOnFailure.cancel();
+  if (!files::syncVolume(staging.get())) throwFileError("write", layout.stagedNew);
+  if (!writeRecord(record, layout.stagedRecord)) throwFileError("write", layout.stagedRecord);
+  trashOnFailure.cancel();
+  settleStaging(layout);
 }
 
 }  // namespace corvelstow

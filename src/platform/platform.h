@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -54,19 +55,24 @@ std::optional<std::string> encodeBinaryPropertyList(const PlistValue& value);
 /// `<domain>.plist` in the container's Library/Preferences folder, where iOS keeps it too.
 class PreferencesStore {
  public:
-  explicit PreferencesStore(fs::path preferencesFolder);
+  /// The store of the container whose preferences folder is `preferencesFolder`. `folder`, when
+  /// given, is that folder already open: where domains are files they are then reached through
+  /// it, so that a link put in the folder's place meanwhile is never followed.
+  explicit PreferencesStore(fs::path preferencesFolder, int folder = -1);
 
-  /// The domain's values, or nothing when there is no such domain.
+  /// The domain's values, or nothing when there is no such domain (or it cannot be read).
   std::optional<PlistDictionary> domain(const std::string& name) const;
-  /// Replaces the domain's values; failures are dropped.
-  void setDomain(const std::string& name, const PlistDictionary& values);
-  /// Removes the domain; an absent domain is no failure.
-  void removeDomain(const std::string& name);
-  /// Writes pending changes to storage and makes other readers see them.
-  void synchronize();
+  /// Replaces the domain's values; false when they could not be written.
+  bool setDomain(const std::string& name, const PlistDictionary& values);
+  /// Removes the domain; an absent domain is no failure. False when it stays.
+  bool removeDomain(const std::string& name);
+  /// Writes pending changes to storage and makes other readers see them; false when the store
+  /// could not.
+  bool synchronize();
 
  private:
   fs::path folder_;
+  [[maybe_unused]] int folderFd_ = -1;
 };
 
 /// Compares two file names as the platform's standard string comparison does: negative, zero or
@@ -109,6 +115,15 @@ class ScopedFileAccess {
 /// open is refused with EPERM (or EACCES). Linux: a locked fscrypt folder refuses it with
 /// ENOKEY; EPERM and EACCES count too.
 bool dataLocked(const fs::path& file);
+
+/// Excludes `folder` from the user's iCloud and computer backups (Apple: the URL resource value
+/// NSURLIsExcludedFromBackupKey); elsewhere nothing. False when it could not be marked.
+bool excludeFromBackup(const fs::path& folder);
+
+/// Runs `work` once the app is up, off the launch: on Apple platforms on a background queue
+/// after the main queue has begun to run. Elsewhere it is not run: there the corvelstow command
+/// does such work, and a preloaded library leaves the host's process to the host.
+void afterLaunch(std::function<void()> work);
 
 /// What the platform does once the launch-time file work is done. Apple: watch for window
 /// scenes becoming active. Linux: take this library out of LD_PRELOAD, so that the host's own

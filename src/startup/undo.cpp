@@ -4,8 +4,9 @@
 
 #include "base/file_error.h"
 #include "base/files.h"
-#include "startup/swap.h"
+#include "startup/startup.h"
 #include "store/container_lock.h"
+#include "store/trash.h"
 
 namespace corvelstow {
 
@@ -19,16 +20,20 @@ void requestUndo(const StowLayout& layout) {
   }
 }
 
-bool performPendingUndo(const StowLayout& layout, const std::string& hostBundleID) {
-  if (!files::exists(layout.undoRequest)) return true;
-  auto record = readRecord<StowStagedRestore>(layout.previousRecord);
-  if (!record) {
-    ::unlink(layout.undoRequest.c_str());
-    return true;
+StowSwapResult performPendingUndo(const StowLayout& layout, const std::string& hostBundleID) {
+  if (!files::exists(layout.undoRequest)) return StowSwapResult::succeeded;
+  auto found = readRecordFile<StowStagedRestore>(layout.previousRecord);
+  if (!found.record && !found.damaged) {
+    // Nothing to undo: the marker alone is consumed.
+    UniqueFd work = files::openFolder(layout.workFolder);
+    UniqueFd trash = files::makeFolder(work.get(), layout.trash.filename().string());
+    moveToTrash(work.get(), layout.undoRequest.filename().string(), trash.get());
+    return StowSwapResult::succeeded;
   }
   // The swap consumes the marker once its journal is written, so that an undo cut short is
   // finished rather than lost, and one that could not start is tried again.
-  return performSwap(layout, hostBundleID, StowSwapKind::undo, *record);
+  return performUndo(layout, hostBundleID, found.record.value_or(previousStandIn(layout)),
+                     found.damaged);
 }
 
 }  // namespace corvelstow

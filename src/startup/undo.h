@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "startup/swap.h"
 #include "store/layout.h"
 
 namespace corvelstow {
@@ -12,9 +13,10 @@ namespace corvelstow {
 void requestUndo(const StowLayout& layout);
 
 /// At launch: when undo.request exists and previous.json describes Previous, swaps the data
-/// kept in Previous back into place, writes the outcome, and removes Previous and
-/// previous.json (a marker without previous.json is only removed). Returns false when the undo
-/// did not start or had to stop, so that a restore staged after it waits too. Never throws.
-bool performPendingUndo(const StowLayout& layout, const std::string& hostBundleID);
+/// kept in Previous back into place, writes the outcome, and moves Previous and previous.json
+/// to the trash (a marker without previous.json is only removed). A previous.json that cannot
+/// be read is stood in for (previousStandIn): only what Previous holds is put back. Gives how
+/// the undo ended; succeeded also when there was nothing to undo. Never throws.
+StowSwapResult performPendingUndo(const StowLayout& layout, const std::string& hostBundleID);
 
 }  // namespace corvelstow

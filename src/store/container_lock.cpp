@@ -18,7 +18,7 @@ constexpr auto kPollInterval = std::chrono::milliseconds(10);
 // flock has no timed wait, and a blocking one could hold the app's launch indefinitely.
 // Returns the locked descriptor; errno is EWOULDBLOCK when the lock stayed busy.
 UniqueFd lockWithin(const StowLayout& layout, std::chrono::milliseconds patience) {
-  files::createFolders(layout.workFolder);
+  makeWorkFolder(layout);
   UniqueFd fd(::open(layout.lockFile.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!fd) return fd;
   const auto deadline = std::chrono::steady_clock::now() + patience;

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "base/file_error.h"
+#include "base/files.h"
 #include "platform/platform.h"
 
 namespace corvelstow {
@@ -46,11 +47,12 @@ StowLayout StowLayout::forRoots(const fs::path& home, const fs::path& temporary)
   layout.preferences = layout.library / "Preferences";
   layout.workFolder = layout.library / "CorvelStow";
   layout.staged = layout.workFolder / "Staged";
+  layout.stagedNew = layout.workFolder / "Staged-new";
   layout.stagedRecord = layout.workFolder / "staged.json";
   layout.previous = layout.workFolder / "Previous";
   layout.previousRecord = layout.workFolder / "previous.json";
   layout.previousNew = layout.workFolder / "Previous-new";
-  layout.previousOld = layout.workFolder / "Previous-old";
+  layout.trash = layout.workFolder / "Trash";
   layout.swapJournal = layout.workFolder / "swap.json";
   layout.settingsRecord = layout.workFolder / "settings.json";
   layout.outcomeRecord = layout.workFolder / "outcome.json";
@@ -69,6 +71,13 @@ const StowLayout& StowLayout::shared() {
     return forRoots(*home, platform::temporaryFolder());
   }();
   return layout;
+}
+
+bool makeWorkFolder(const StowLayout& layout) {
+  if (files::isFolder(layout.workFolder)) return true;
+  if (!files::createFolders(layout.workFolder)) return false;
+  platform::excludeFromBackup(layout.workFolder);
+  return true;
 }
 
 const std::set<std::string>& excludedLibraryNames() {

@@ -17,11 +17,12 @@ struct StowLayout {
   fs::path preferences;     ///< Library/Preferences
   fs::path workFolder;      ///< Library/CorvelStow
   fs::path staged;          ///< work folder/Staged
+  fs::path stagedNew;       ///< work folder/Staged-new, a staging being built beside Staged
   fs::path stagedRecord;    ///< work folder/staged.json
   fs::path previous;        ///< work folder/Previous
   fs::path previousRecord;  ///< work folder/previous.json
   fs::path previousNew;     ///< work folder/Previous-new, the aside folder of a swap
-  fs::path previousOld;     ///< work folder/Previous-old, the Previous being replaced
+  fs::path trash;           ///< work folder/Trash: what the launch discards, emptied later
   fs::path swapJournal;     ///< work folder/swap.json, the journal of a swap under way
   fs::path settingsRecord;  ///< work folder/settings.json
   fs::path outcomeRecord;   ///< work folder/outcome.json
@@ -37,6 +38,11 @@ struct StowLayout {
   /// Throws StowFileError when the platform names no app container.
   static const StowLayout& shared();
 };
+
+/// Creates the work folder, with every missing parent, and when it is new marks it excluded from
+/// the user's iCloud and computer backups: it holds copies of the app's data (Previous, Staged).
+/// False, with errno set, when it is not there afterwards.
+bool makeWorkFolder(const StowLayout& layout);
 
 /// Top-level names of Library that no backup, survey or restore touches:
 /// the work folder and two folders the system maintains.

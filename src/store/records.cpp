@@ -1,6 +1,10 @@
 #include "store/records.h"
 
+#include <sys/stat.h>
+
 #include <charconv>
+#include <cstdio>
+#include <random>
 #include <limits>
 #include <nlohmann/json.hpp>
 
@@ -192,6 +196,7 @@ void read(const json& object, StowStagedRestore& r) {
   if (!scope) throw Mismatch{};
   r.scope = *scope;
   r.stagedAt = readDate(field(object, "stagedAt"));
+  r.token = readOptionalString(object, "token");
 }
 
 template <typename Enum, size_t N>
@@ -208,6 +213,8 @@ void read(const json& object, StowKeptLive& k) {
   k.entries = readNames(field(object, "entries"));
   k.domains = readStrings(field(object, "domains"));
   k.allButPrevious = readBool(field(object, "allButPrevious"));
+  if (hasValue(object, "restoredEntries")) k.restoredEntries = readNames(object.at("restoredEntries"));
+  if (hasValue(object, "restoredDomains")) k.restoredDomains = readStrings(object.at("restoredDomains"));
 }
 
 void read(const json& object, StowSwapJournal& j) {
@@ -255,9 +262,11 @@ json toJson(const StowSettings& s) {
 }
 
 json toJson(const StowStagedRestore& r) {
-  return {{"manifest", toJson(r.manifest)},
-          {"scope", std::string(rawValue(r.scope))},
-          {"stagedAt", formatInternetDate(r.stagedAt)}};
+  json object = {{"manifest", toJson(r.manifest)},
+                 {"scope", std::string(rawValue(r.scope))},
+                 {"stagedAt", formatInternetDate(r.stagedAt)}};
+  putOptional(object, "token", r.token);
+  return object;
 }
 
 json toJson(const StowOutcome& o) {
@@ -271,9 +280,12 @@ json toJson(const StowOutcome& o) {
 }
 
 json toJson(const StowKeptLive& k) {
-  return {{"entries", namesJson(k.entries)},
-          {"domains", k.domains},
-          {"allButPrevious", k.allButPrevious}};
+  json object = {{"entries", namesJson(k.entries)},
+                 {"domains", k.domains},
+                 {"allButPrevious", k.allButPrevious}};
+  if (!k.restoredEntries.empty()) object["restoredEntries"] = namesJson(k.restoredEntries);
+  if (!k.restoredDomains.empty()) object["restoredDomains"] = k.restoredDomains;
+  return object;
 }
 
 json toJson(const StowSwapJournal& j) {
@@ -319,12 +331,46 @@ template std::optional<StowOutcome> decodeRecord(std::string_view);
 template std::optional<StowSwapJournal> decodeRecord(std::string_view);
 template std::optional<StowKeptLive> decodeRecord(std::string_view);
 
+std::string newStagingToken() {
+  std::random_device source;
+  std::string token;
+  for (int i = 0; i < 4; ++i) {
+    char digits[9];
+    std::snprintf(digits, sizeof digits, "%08x", static_cast<unsigned>(source()));
+    token += digits;
+  }
+  return token;
+}
+
+std::string stagingMarker(const std::string& token) { return ".staging-" + token; }
+
+StowStagedRestore previousStandIn(const StowLayout& layout) {
+  StowStagedRestore standIn;
+  standIn.manifest.appName = "Before the restore";
+  standIn.manifest.includedPaths = {"Documents", "Library"};
+  struct stat info {};
+  standIn.manifest.createdAt = ::stat(layout.previous.c_str(), &info) == 0
+                                   ? StowDate(std::chrono::seconds(info.st_mtime))
+                                   : currentDate();
+  standIn.scope = StowRestoreScope::everything;
+  standIn.stagedAt = standIn.manifest.createdAt;
+  return standIn;
+}
+
+std::optional<StowStagedRestore> readPreviousRestore(const StowLayout& layout) {
+  auto found = readRecordFile<StowStagedRestore>(layout.previousRecord);
+  if (found.record) return found.record;
+  if (found.damaged && files::isFolder(layout.previous)) return previousStandIn(layout);
+  return std::nullopt;
+}
+
 StowSettings loadSettings(const StowLayout& layout) {
   return readRecord<StowSettings>(layout.settingsRecord).value_or(StowSettings{});
 }
 
 void saveSettings(const StowLayout& layout, const StowSettings& settings) {
-  writeRecord(settings, layout.settingsRecord);  // the writer creates the work folder
+  makeWorkFolder(layout);
+  writeRecord(settings, layout.settingsRecord);
 }
 
 }  // namespace corvelstow

@@ -57,9 +57,19 @@ struct StowStagedRestore {
   StowManifest manifest;
   StowRestoreScope scope = StowRestoreScope::everything;
   StowDate stagedAt{};
+  /// Which staging it is: staged.json names the folder it was written for (which holds the
+  /// file stagingMarker(token)), and previous.json the staging it came from, so that a record
+  /// is never applied to another staging, nor twice.
+  std::optional<std::string> token;
 
   bool operator==(const StowStagedRestore&) const = default;
 };
+
+/// A fresh token for a staging: 32 random hexadecimal digits.
+std::string newStagingToken();
+
+/// The name of the empty file that marks a staging folder as the one of `token`.
+std::string stagingMarker(const std::string& token);
 
 /// The result of the last launch-time restore or undo (outcome.json).
 struct StowOutcome {
@@ -92,11 +102,14 @@ enum class StowSwapStep {
 
 /// What a swap leaves live (kept.json in Previous, for the undo after a restore): the entries
 /// and settings domains the restore could not set aside, which are still the user's own; or,
-/// once an undo could not put everything back, everything but what Previous still holds.
+/// once an undo could not put everything back, everything but what Previous still holds, and
+/// but the restored data that undo could not set aside, which the next one sets aside.
 struct StowKeptLive {
   std::vector<std::string> entries;  ///< "Documents/NAME" or "Library/NAME"
   std::vector<std::string> domains;
   bool allButPrevious = false;
+  std::vector<std::string> restoredEntries;  ///< set aside by the next undo all the same
+  std::vector<std::string> restoredDomains;
 
   bool operator==(const StowKeptLive&) const = default;
 };
@@ -142,6 +155,33 @@ std::optional<Record> readRecord(const std::filesystem::path& file) {
   return decodeRecord<Record>(*bytes);
 }
 
+/// A record file as found: its record, or none, and then whether something stands in its place
+/// all the same (a file cut short or garbled, a folder, a dangling link): a damaged record,
+/// which is never taken for an absent one.
+template <typename Record>
+struct StowRecordFile {
+  std::optional<Record> record;
+  bool damaged = false;
+};
+
+/// Reads the record file `name` of the open folder `folder` (not following a link).
+template <typename Record>
+StowRecordFile<Record> readRecordFile(int folder, const std::string& name) {
+  StowRecordFile<Record> found;
+  if (auto bytes = files::readWhole(folder, name)) found.record = decodeRecord<Record>(*bytes);
+  found.damaged = !found.record && files::exists(folder, name);
+  return found;
+}
+
+/// The same by path.
+template <typename Record>
+StowRecordFile<Record> readRecordFile(const std::filesystem::path& file) {
+  StowRecordFile<Record> found;
+  found.record = readRecord<Record>(file);
+  found.damaged = !found.record && files::exists(file);
+  return found;
+}
+
 /// Writes a record atomically, creating its folder first. Never throws: on any failure an older
 /// file stays as it was and the result is false (with errno set when a file operation failed).
 template <typename Record>
@@ -152,6 +192,25 @@ bool writeRecord(const Record& record, const std::filesystem::path& file) noexce
     return false;
   }
 }
+
+/// The same into the file `name` of the open folder `folder`.
+template <typename Record>
+bool writeRecord(const Record& record, int folder, const std::string& name) noexcept {
+  try {
+    return files::writeAtomically(folder, name, encodeRecord(record));
+  } catch (...) {
+    return false;
+  }
+}
+
+/// The last restore's record (previous.json). When it exists but cannot be read while the
+/// Previous folder does, a stand-in (previousStandIn), so that what Previous keeps can still be
+/// put back; nothing when there is no record.
+std::optional<StowStagedRestore> readPreviousRestore(const StowLayout& layout);
+
+/// What stands in for a previous.json that cannot be read: "Before the restore", scope
+/// everything, the backup dated when Previous last changed, no token.
+StowStagedRestore previousStandIn(const StowLayout& layout);
 
 /// The settings in settings.json, or the defaults when it is missing or does not decode.
 StowSettings loadSettings(const StowLayout& layout);

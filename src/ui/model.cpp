@@ -56,7 +56,7 @@ StowModel::StowModel(Environment environment)
       appControl_(environment.appControl) {
   settings_ = loadSettings(layout_);
   pending_ = readRecord<StowStagedRestore>(layout_.stagedRecord);
-  previous_ = readRecord<StowStagedRestore>(layout_.previousRecord);
+  previous_ = readPreviousRestore(layout_);
   outcome_ = readRecord<StowOutcome>(layout_.outcomeRecord);
 }
 
@@ -163,7 +163,7 @@ void StowModel::closePanel() { publish(panelShown_, false, Field::panelShown); }
 void StowModel::readRecords() {
   publish(settings_, loadSettings(layout_), Field::settings);
   publish(pending_, readRecord<StowStagedRestore>(layout_.stagedRecord), Field::pending);
-  publish(previous_, readRecord<StowStagedRestore>(layout_.previousRecord), Field::previous);
+  publish(previous_, readPreviousRestore(layout_), Field::previous);
   publish(outcome_, readRecord<StowOutcome>(layout_.outcomeRecord), Field::outcome);
 }
 

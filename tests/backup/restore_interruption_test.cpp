@@ -61,12 +61,16 @@ class RestoreInterruptionTest : public testing::ContainerFixture {
     return testing::ChildProcess(restoreCommand(archive), environment).wait();
   }
 
-  // The staged restore's name, after checking that Staged holds exactly that backup; empty
-  // when there is none.
+  // The staged restore's name, after checking that its staging (in Staged, or still in
+  // Staged-new when the restore was killed as it put it in place) holds exactly that backup;
+  // empty when there is none.
   std::string stagedBackup(const std::map<std::string, Tree>& backups) {
     auto record = readRecord<StowStagedRestore>(layout.stagedRecord);
     if (!record) return "";
-    EXPECT_EQ(readTree(layout.staged), backups.at(record->manifest.appName));
+    const std::string marker = stagingMarker(*record->token);
+    Tree staged = readTree(fs::exists(layout.staged / marker) ? layout.staged : layout.stagedNew);
+    EXPECT_EQ(staged.erase(marker), 1u);
+    EXPECT_EQ(staged, backups.at(record->manifest.appName));
     return record->manifest.appName;
   }
 
@@ -131,7 +135,7 @@ TEST_F(RestoreInterruptionTest, TwoRestoresAtOnceNeverMix) {
   for (const auto& [linger, staged, secondExit] :
        {std::tuple{"300", "Second", 0}, std::tuple{"2600", "First", 1}}) {
     fs::remove_all(layout.workFolder);
-    testing::ChildProcess slow(restoreCommand(first), {{"LD_PRELOAD", CORVELSTOW_RENAME_FAULT},
+    testing::ChildProcess slow(restoreCommand(first), {{"LD_PRELOAD", CORVELSTOW_FAULT_SEAM},
                                                        {"CORVELSTOW_SLOW_RENAMES", linger}});
     std::this_thread::sleep_for(std::chrono::milliseconds(150));
     auto other = restore(second);
@@ -149,8 +153,8 @@ TEST_F(RestoreInterruptionTest, TwoRestoresAtOnceNeverMix) {
 TEST_F(RestoreInterruptionTest, ARestoreThatCannotFinishSaysWhyAndLeavesNoHalfStaging) {
   const fs::path archive = folder / "backup.corvelappdata";
   writeBackup(archive, "Notes");
-  auto failed = restore(archive, {{"LD_PRELOAD", CORVELSTOW_RENAME_FAULT},
-                                  {"CORVELSTOW_FAIL_RENAMES", "staged.json"}});
+  auto failed = restore(archive, {{"LD_PRELOAD", CORVELSTOW_FAULT_SEAM},
+                                  {"CORVELSTOW_FAIL", "rename@staged.json"}});
   EXPECT_EQ(failed.exitCode, 1);
   EXPECT_EQ(lastLine(failed.err), "Could not write staged.json: Input/output error.");
   EXPECT_EQ(failed.out.find("is ready"), std::string::npos) << failed.out;

@@ -38,6 +38,8 @@ void ContainerFixture::stage(StowRestoreScope scope, const std::string& sourceID
   record.manifest.fileCount = 5;
   record.scope = scope;
   record.stagedAt = currentDate();
+  record.token = newStagingToken();
+  writeFile(staged / stagingMarker(*record.token), "");
   writeRecord(record, layout.stagedRecord);
 }
 
@@ -60,6 +62,9 @@ std::map<std::string, std::string> ContainerFixture::state() {
     return path.lexically_relative(layout.home).string();
   };
   tree.erase(relative(layout.lockFile));
+  std::erase_if(tree, [&](const auto& entry) {
+    return entry.first.starts_with(relative(layout.trash));
+  });
   if (auto outcome = readRecord<StowOutcome>(layout.outcomeRecord)) {
     outcome->appliedAt = {};
     tree[relative(layout.outcomeRecord)] = encodeRecord(*outcome);

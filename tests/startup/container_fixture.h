@@ -26,7 +26,7 @@ class ContainerFixture : public ::testing::Test {
 
   void SetUp() override;
 
-  /// Writes Staged and staged.json: a backup of `sourceID` for `scope`.
+  /// Writes Staged and staged.json, as a staging does: a backup of `sourceID` for `scope`.
   void stage(StowRestoreScope scope, const std::string& sourceID = kHostID,
              bool withCaches = false);
 
@@ -38,8 +38,8 @@ class ContainerFixture : public ::testing::Test {
       const std::map<std::string, std::string>& environment = {});
 
   /// Everything in the container by path, with the times that differ from run to run (when an
-  /// outcome was applied, when Previous was kept) left out, and without the lock file: two
-  /// containers that went through the same operations have equal states.
+  /// outcome was applied, when Previous was kept) left out, and without the lock file and the
+  /// trash: two containers that went through the same operations have equal states.
   std::map<std::string, std::string> state();
 
   /// The settings domain stored in `file`, or an empty dictionary.

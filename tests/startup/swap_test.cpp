@@ -14,12 +14,13 @@ class SwapTest : public testing::ContainerFixture {
  protected:
   // Applies the staged restore and gives the outcome it wrote.
   StowOutcome swap() {
-    EXPECT_TRUE(performSwap(layout, kHostID, StowSwapKind::restore,
-                            *readRecord<StowStagedRestore>(layout.stagedRecord)));
+    StowSwapResult result = performSwap(layout, kHostID, StowSwapKind::restore,
+                                        *readRecord<StowStagedRestore>(layout.stagedRecord));
+    EXPECT_TRUE(result == StowSwapResult::succeeded || result == StowSwapResult::failed);
     EXPECT_FALSE(fs::exists(layout.swapJournal));
     return readRecord<StowOutcome>(layout.outcomeRecord).value_or(StowOutcome{});
   }
-  void TearDown() override { ::unsetenv("CORVELSTOW_FAIL_RENAMES"); }
+  void TearDown() override { ::unsetenv("CORVELSTOW_FAIL"); }
 };
 
 TEST_F(SwapTest, EverythingReplacesDataAndSettingsAndKeepsWhatItReplaced) {
@@ -62,7 +63,6 @@ TEST_F(SwapTest, EverythingReplacesDataAndSettingsAndKeepsWhatItReplaced) {
   EXPECT_EQ(domainIn(layout.previous / "Library/Preferences/com.live.only.plist"),
             domain("k", "live only"));
   EXPECT_FALSE(fs::exists(layout.previousNew));
-  EXPECT_FALSE(fs::exists(layout.previousOld));
   // The staging is cleared, what was not moved in with it.
   EXPECT_FALSE(fs::exists(layout.staged));
   EXPECT_FALSE(fs::exists(layout.stagedRecord));
@@ -131,9 +131,9 @@ TEST_F(SwapTest, FailedMovesAreReportedInOrderCappedAtThreeAndLoseNothing) {
     fs::copy(pristine, layout.home, fs::copy_options::recursive);
     stage(c.scope);
     const auto before = readTree(layout.home);
-    ::setenv("CORVELSTOW_FAIL_RENAMES", c.failing.c_str(), 1);
+    ::setenv("CORVELSTOW_FAIL", ("rename@" + c.failing).c_str(), 1);
     StowOutcome outcome = swap();
-    ::unsetenv("CORVELSTOW_FAIL_RENAMES");
+    ::unsetenv("CORVELSTOW_FAIL");
 
     EXPECT_FALSE(outcome.succeeded);
     EXPECT_TRUE(outcome.canUndo);
@@ -180,18 +180,20 @@ TEST_F(SwapTest, SettingsKeepEveryDate) {
       << read.err;
 }
 
-// With nothing kept in Previous, an undo moves everything live aside and still succeeds.
-TEST_F(SwapTest, AMissingSourceEmptiesTheScopeAndSucceeds) {
+// A previous.json without the Previous folder it describes undoes nothing: it would only empty
+// the app.
+TEST_F(SwapTest, AnUndoWithoutPreviousMovesNothing) {
   StowStagedRestore record;
   record.manifest.appName = "Before the restore";
   record.scope = StowRestoreScope::documents;
-  EXPECT_TRUE(performSwap(layout, kHostID, StowSwapKind::undo, record));
+  writeRecord(record, layout.previousRecord);
+  const auto documents = readTree(layout.documents);
+  EXPECT_EQ(performUndo(layout, kHostID, record, false), StowSwapResult::failed);
   StowOutcome outcome = *readRecord<StowOutcome>(layout.outcomeRecord);
-  EXPECT_TRUE(outcome.succeeded);
+  EXPECT_EQ(outcome.message, "Nothing was put back: the data from before the restore is missing.");
   EXPECT_FALSE(outcome.canUndo);
-  EXPECT_TRUE(readTree(layout.documents).empty());
-  EXPECT_FALSE(fs::exists(layout.previous));
-  EXPECT_FALSE(fs::exists(layout.previousNew));
+  EXPECT_EQ(readTree(layout.documents), documents);
+  EXPECT_FALSE(fs::exists(layout.previousRecord));
 }
 
 }  // namespace

@@ -13,6 +13,7 @@ const StowLayout& CommandContext::container() const {
   if (!files::isFolder(layout.home)) {
     throwFileError(ENOENT, "There is no app container at " + layout.home.string() + ".");
   }
+  containerUsed = true;
   return layout;
 }
 

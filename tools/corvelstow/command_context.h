@@ -17,6 +17,9 @@ struct CommandContext {
   bool json = false;
   bool progress = false;  ///< --progress: progress on stderr even when it is not a terminal
   std::ostream& out;
+  /// Whether the command worked on a container (asked for it): the work folder is then tidied
+  /// once the command is done (tidyWorkFolder).
+  mutable bool containerUsed = false;
 
   /// The container named by --home (or CORVELSTOW_HOME). Throws a one-sentence error when none
   /// is named or the folder does not exist.

@@ -43,7 +43,7 @@ void launch(const CommandContext& context, const std::vector<std::string>& comma
 
 void undo(const CommandContext& context) {
   const StowLayout& layout = context.container();
-  if (!readRecord<StowStagedRestore>(layout.previousRecord)) {
+  if (!readPreviousRestore(layout)) {
     throwFileError(ENOENT, "There is no restore to undo.");
   }
   requestUndo(layout);

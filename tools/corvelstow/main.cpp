@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "command_context.h"
+#include "startup/startup.h"
 
 using namespace corvelstow::cli;
 
@@ -50,14 +51,17 @@ int main(int argc, char** argv) {
   CommandContext context{json, progress, std::cout};
   for (const Command& command : commands) {
     if (!command.app->parsed()) continue;
+    int status = EXIT_SUCCESS;
     try {
       command.run(context);
-      return EXIT_SUCCESS;
     } catch (const std::exception& error) {
       std::cout.flush();
       std::cerr << error.what() << '\n';
-      return kFailure;
+      status = kFailure;
     }
+    // What the app's launches discarded is removed here, off their path.
+    if (context.containerUsed) corvelstow::tidyWorkFolder(corvelstow::StowLayout::shared());
+    return status;
   }
   return kUsage;
 }

@@ -33,4 +33,17 @@ std::optional<std::uint64_t> freeSpace(const fs::path& folder) {
   });
 }
 
+// The work folder holds a full copy of the data from before a restore, and the staged backup:
+// neither belongs in the user's iCloud or computer backups.
+bool excludeFromBackup(const fs::path& folder) {
+  return apple::catchingAll(false, [&folder] {
+    NSString* path = apple::nsStringFrom(folder.string());
+    if (path == nil) return false;
+    NSURL* url = [NSURL fileURLWithPath:path isDirectory:YES];
+    return static_cast<bool>([url setResourceValue:@YES
+                                            forKey:NSURLIsExcludedFromBackupKey
+                                             error:nil]);
+  });
+}
+
 }  // namespace corvelstow::platform

@@ -5,8 +5,8 @@
 // the system keeps it in Library/Preferences, so the folder is not used here.
 namespace corvelstow::platform {
 
-PreferencesStore::PreferencesStore(fs::path preferencesFolder)
-    : folder_(std::move(preferencesFolder)) {}
+PreferencesStore::PreferencesStore(fs::path preferencesFolder, int folder)
+    : folder_(std::move(preferencesFolder)), folderFd_(folder) {}
 
 std::optional<PlistDictionary> PreferencesStore::domain(const std::string& name) const {
   return apple::catchingAll(std::optional<PlistDictionary>(),
@@ -19,28 +19,33 @@ std::optional<PlistDictionary> PreferencesStore::domain(const std::string& name)
   });
 }
 
-void PreferencesStore::setDomain(const std::string& name, const PlistDictionary& values) {
-  apple::catchingAll([&name, &values] {
+// The defaults take a domain into memory at once; synchronize is what writes it out.
+bool PreferencesStore::setDomain(const std::string& name, const PlistDictionary& values) {
+  return apple::catchingAll(false, [&name, &values] {
     NSString* domain = apple::nsStringFrom(name);
     NSDictionary* dictionary = apple::foundationObjectFrom(PlistValue{values});
-    if (domain != nil && dictionary != nil) {
-      [NSUserDefaults.standardUserDefaults setPersistentDomain:dictionary forName:domain];
-    }
+    if (domain == nil || dictionary == nil) return false;
+    [NSUserDefaults.standardUserDefaults setPersistentDomain:dictionary forName:domain];
+    return true;
   });
 }
 
-void PreferencesStore::removeDomain(const std::string& name) {
-  apple::catchingAll([&name] {
-    if (NSString* domain = apple::nsStringFrom(name)) {
-      [NSUserDefaults.standardUserDefaults removePersistentDomainForName:domain];
-    }
+bool PreferencesStore::removeDomain(const std::string& name) {
+  return apple::catchingAll(false, [&name] {
+    NSString* domain = apple::nsStringFrom(name);
+    if (domain == nil) return false;
+    [NSUserDefaults.standardUserDefaults removePersistentDomainForName:domain];
+    return true;
   });
 }
 
-void PreferencesStore::synchronize() {
-  apple::catchingAll([] {
-    [NSUserDefaults.standardUserDefaults synchronize];
-    CFPreferencesAppSynchronize(kCFPreferencesCurrentApplication);
+// The preferences daemon writes asynchronously; both calls wait until it has written, so that a
+// copy of a domain is given up only once the store holds the domain on storage.
+bool PreferencesStore::synchronize() {
+  return apple::catchingAll(false, [] {
+    BOOL defaults = [NSUserDefaults.standardUserDefaults synchronize];
+    Boolean application = CFPreferencesAppSynchronize(kCFPreferencesCurrentApplication);
+    return defaults && application;
   });
 }
 

@@ -25,4 +25,17 @@ void finishStartup() {
   });
 }
 
+// Once the main queue runs, the app has finished launching: the work then goes to a background
+// queue, where it takes nothing from the app's start.
+void afterLaunch(std::function<void()> work) {
+  apple::catchingAll([&work] {
+    std::function<void()> job = std::move(work);
+    dispatch_async(dispatch_get_main_queue(), ^{
+      dispatch_async(dispatch_get_global_queue(QOS_CLASS_UTILITY, 0), ^{
+        apple::catchingAll([&job] { job(); });
+      });
+    });
+  });
+}
+
 }  // namespace corvelstow::platform

@@ -40,4 +40,11 @@ void finishStartup() {
   }
 }
 
+// The corvelstow command empties the trash and tidies the work folder as it runs; the library
+// starts no thread of its own in the host's process.
+void afterLaunch(std::function<void()>) {}
+
+// Only Apple platforms back up an app's container.
+bool excludeFromBackup(const fs::path&) { return true; }
+
 }  // namespace corvelstow::platform
