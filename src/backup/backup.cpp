@@ -136,7 +136,7 @@ void writeArchive(StowZipWriter& writer, FolderChain& chain, const fs::path& hom
   size_t i = 0;
   std::int64_t written = 0;
   writer.onFileWritten([&](const StowZipWriter::Written& entry) {
-    written = checkedAdd(written, std::int64_t{entry.size});
+    written = checkedAdd(written, static_cast<std::int64_t>(entry.size));
     if ((i & 7) == 0 || i == n - 1) {
       double fraction = totalBytes > 0
                             ? static_cast<double>(written) / static_cast<double>(totalBytes)
