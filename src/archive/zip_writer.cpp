@@ -41,12 +41,12 @@ std::string lastComponent(const fs::path& location) {
 }
 
 // An entry with its name and DOS time set and everything else still zero.
-StowZipWriter::Written newEntry(std::string_view name, StowDate date) {
+StowZipWriter::Written newEntry(std::string name, StowDate date) {
   if (name.size() > StowZipWriter::kMaxNameLength) throw StowZipError::nameTooLong(name);
   StowZipWriter::Written entry;
-  entry.name = std::string(name);
+  entry.name = std::move(name);
   // A name that is not UTF-8 (a Linux file name in another encoding) keeps its bytes, unflagged.
-  entry.flags = zip::isUtf8(name) ? zip::kFlagUtf8 : 0;
+  entry.flags = zip::isUtf8(entry.name) ? zip::kFlagUtf8 : 0;
   zip::DosDateTime dos = zip::dosDateTime(date);
   entry.time = dos.time;
   entry.date = dos.date;
@@ -54,8 +54,9 @@ StowZipWriter::Written newEntry(std::string_view name, StowDate date) {
 }
 
 // A file's entry as its status gives it: deflated with a data descriptor, or stored when empty.
-StowZipWriter::Written fileEntry(std::string_view name, const struct stat& info) {
-  StowZipWriter::Written entry = newEntry(name, StowDate{std::chrono::seconds(info.st_mtime)});
+StowZipWriter::Written fileEntry(std::string name, const struct stat& info) {
+  StowZipWriter::Written entry =
+      newEntry(std::move(name), StowDate{std::chrono::seconds(info.st_mtime)});
   if (info.st_size > 0) {
     entry.method = zip::kMethodDeflated;
     entry.flags |= zip::kFlagDataDescriptor;
@@ -278,7 +279,8 @@ void StowZipWriter::Batch::read(Item& item, Compressor& compressor, std::size_t&
     item.outcome = Outcome::tooLarge;
     return;
   }
-  item.entry = fileEntry(item.file.name, info);
+  // The name moves on with the entry: made by the calling thread, its memory goes back there.
+  item.entry = fileEntry(std::move(item.file.name), info);
   const std::size_t start = bytes.size();
   if (item.entry.method == zip::kMethodStored) {  // empty, as an in-memory entry without data
     appendLocalHeader(bytes, item.entry);
@@ -332,7 +334,7 @@ StowZipWriter& StowZipWriter::operator=(StowZipWriter&& other) noexcept {
 void StowZipWriter::add(std::string_view data, std::string_view name, StowDate date) {
   StowCRC32 crc;
   crc.update(data);
-  Written entry = newEntry(name, date);
+  Written entry = newEntry(std::string(name), date);
   writePending();
   entry.method = zip::kMethodStored;
   entry.crc = crc.checksum();
@@ -352,7 +354,7 @@ void StowZipWriter::addListedFirst(std::string_view data, std::string_view name,
 void StowZipWriter::addDirectory(std::string_view name, StowDate date) {
   std::string folder(name);
   if (folder.empty() || folder.back() != '/') folder += '/';
-  Written entry = newEntry(folder, date);
+  Written entry = newEntry(std::move(folder), date);
   writePending();
   entry.method = zip::kMethodStored;
   entry.offset = offset_;
@@ -438,7 +440,7 @@ void StowZipWriter::queueFile(int source, const fs::path& file, std::string_view
                               std::uint16_t permissions) {
   const struct stat info = statusOf(source, file);
   auto pending = std::make_unique<Pending>();
-  pending->entry = fileEntry(name, info);
+  pending->entry = fileEntry(std::string(name), info);
   pending->entry.permissions = permissions;
   Pending& entry = *pending;
   pending_.push_back(std::move(pending));

@@ -51,12 +51,12 @@ class StowZipWriter {
     std::uint16_t time = 0;  ///< DOS time, local
     std::uint16_t date = 0;  ///< DOS date, local
     std::uint32_t crc = 0;
+    std::uint16_t permissions = zip::kPermissionsFile;  ///< a file's Unix permission bits
+    bool isDirectory = false;
+    bool zip64Sizes = false;  ///< its sizes are in Zip64 fields, the descriptor's 8 bytes each
     std::uint64_t compressed = 0;
     std::uint64_t size = 0;
     std::uint64_t offset = 0;  ///< of the local header
-    bool isDirectory = false;
-    bool zip64Sizes = false;  ///< its sizes are in Zip64 fields, the descriptor's 8 bytes each
-    std::uint16_t permissions = zip::kPermissionsFile;  ///< a file's Unix permission bits
   };
 
   /// Opens a file of addFiles when its turn comes, on whichever thread reads it: its descriptor,

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -41,7 +42,7 @@ struct PlannedFile {
 /// as plain strings: tens of thousands of filesystem paths would cost far more memory.
 struct BackupPlan {
   std::vector<std::string> folders;  // relative folder paths, each ending in "/"
-  std::vector<PlannedFile> files;
+  std::deque<PlannedFile> files;     // given back from the front as they are handed on
   std::int64_t totalBytes = 0;
 
   void addFolder(const std::string& relative) {
@@ -152,10 +153,11 @@ UniqueFd openPlanned(const OpenFolder& folder, const std::string& relative) {
 
 // Hands the plan's files to the writer, those of one folder at a time, each opened only when
 // the writer comes to it.
-void addPlannedFiles(StowZipWriter& writer, FolderChain& chain, std::vector<PlannedFile>& files) {
+void addPlannedFiles(StowZipWriter& writer, FolderChain& chain, std::deque<PlannedFile>& files) {
   std::vector<StowZipWriter::DeferredFile> run;
   std::shared_ptr<const OpenFolder> folder;
-  for (PlannedFile& file : files) {
+  for (; !files.empty(); files.pop_front()) {
+    PlannedFile& file = files.front();
     const std::string_view parent =
         std::string_view(file.relative).substr(0, file.relative.rfind('/'));
     const bool newFolder = !folder || folder->relative != parent;
@@ -212,7 +214,7 @@ std::vector<std::string> writeArchive(StowZipWriter& writer, FolderChain& chain,
     report();
   });
   addPlannedFiles(writer, chain, plan.files);
-  plan = BackupPlan();  // the central directory is built next: the file list goes first
+  plan = BackupPlan();    // the central directory is built next: the file list goes first
   writer.writePending();  // every file counted
   writer.addListedFirst(encodeRecord(manifestFor(app, deviceName, files, bytes, createdAt)),
                         "manifest.json", currentDate());
