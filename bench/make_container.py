@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Makes an app data container for the benchmarks, the same bytes every time.
 
-    bench/make_container.py PATH --scale {typical,many-small,one-big} [--seed N] [--force]
+    bench/make_container.py PATH --scale SCALE [--seed N] [--force]
 
 The same scale and seed give byte-identical files, names and modification times, so that two
 archives made of it can be compared byte for byte.
@@ -14,6 +14,10 @@ archives made of it can be compared byte for byte.
   many-small  60,000 files of 0-4 KiB in some 400 folders: below the 65,534 entries a classic
               ZIP archive holds, folder entries included.
   one-big     one file of 2 GiB, half random bytes and half database pages.
+  huge-count  150,000 files of 0-4 KiB in some 900 folders: past the 65,534 entries a classic
+              ZIP archive holds.
+  huge-file   one file of 5 GiB, past the 4 GiB a classic ZIP entry holds: zeros (a hole, which
+              takes no space) with a run of database pages every 256 MiB.
 """
 import argparse
 import math
@@ -198,7 +202,7 @@ def typical(m):
     m.write(state + "windows.plist", m.preferences(900))
 
 
-def many_small(m):
+def many_small(m, documents=50_000, thumbnails=10_000, batches=5):
     r = m.random
 
     def small(json_share, database_share):
@@ -207,12 +211,12 @@ def many_small(m):
         return m.document(r.randint(1, 4 * KIB), json_share, database_share)
 
     leaves = ["Documents/%s/%s/batch-%d" % (WORDS[a], WORDS[30 + b], c)
-              for a in range(12) for b in range(4) for c in range(5)]
-    for i in range(50_000):
+              for a in range(12) for b in range(4) for c in range(batches)]
+    for i in range(documents):
         data, extension = small(0.5, 0.2)
         hidden = "." if r.random() < 0.02 else ""
         m.write("%s/%sitem-%05d%s" % (leaves[i % len(leaves)], hidden, i, extension), data)
-    for i in range(10_000):
+    for i in range(thumbnails):
         data, extension = small(0.2, 0.2)
         m.write("Library/Application Support/%s/Thumbs/%02x/t%05d%s"
                 % (BUNDLE, i % 100, i, extension), data)
@@ -231,6 +235,25 @@ def one_big(m):
     os.makedirs(os.path.join(m.root, "Library"), exist_ok=True)
 
 
+def huge_count(m):
+    many_small(m, documents=125_000, thumbnails=25_000, batches=16)
+
+
+def huge_file(m):
+    path = os.path.join(m.root, "Documents/Offline/region.mbtiles")
+    os.makedirs(os.path.dirname(path))
+    size = 5 << 30
+    runs = [m.database_pages(256) for _ in range(4)]  # 1 MiB each
+    with open(path, "wb") as f:
+        f.truncate(size)
+        for offset in range(0, size, 256 * MIB):
+            f.seek(offset)
+            f.write(b"".join(runs))
+    m.files += 1
+    m.bytes += size
+    os.makedirs(os.path.join(m.root, "Library"), exist_ok=True)
+
+
 def stamp_times(root):
     for folder, _, names in os.walk(root, topdown=False):
         for name in names:
@@ -238,10 +261,14 @@ def stamp_times(root):
         os.utime(folder, (MTIME, MTIME))
 
 
+SCALES = {"typical": typical, "many-small": many_small, "one-big": one_big,
+          "huge-count": huge_count, "huge-file": huge_file}
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("path")
-    parser.add_argument("--scale", required=True, choices=("typical", "many-small", "one-big"))
+    parser.add_argument("--scale", required=True, choices=SCALES)
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--force", action="store_true", help="replace PATH when it exists")
     args = parser.parse_args()
@@ -256,7 +283,7 @@ def main():
         os.makedirs(os.path.join(root, top))
     # Each scale draws from its own stream: a change to one leaves the others as they were.
     maker = Maker(root, "%s/%d" % (args.scale, args.seed))
-    {"typical": typical, "many-small": many_small, "one-big": one_big}[args.scale](maker)
+    SCALES[args.scale](maker)
     stamp_times(root)
     print("%s: %d files, %d bytes (%.1f MiB)"
           % (args.path, maker.files, maker.bytes, maker.bytes / MIB))

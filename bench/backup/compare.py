@@ -3,11 +3,12 @@
 
     bench/backup/compare.py [--build build] [--work DIR] [--runs 3] [--threads N] [SCALE ...]
 
-SCALE is typical, many-small or one-big (default: all three), containers made by
-bench/make_container.py and kept in DIR/containers between runs. For each one:
+SCALE is typical, many-small or one-big (default: these three), huge-count or huge-file,
+containers made by bench/make_container.py and kept in DIR/containers between runs. For each one:
 
   backup:  corvelstow backup --threads 1 and --threads N (default: every core)
            vs  bsdtar --format zip -cf  vs  zip -r -6  vs  tar -c | pigz -6 -c (the parallel peer)
+  checks:  the archive corvelstow wrote, through unzip -t, bsdtar -tf and Python's testzip
   staging: corvelstow restore --threads 1 and --threads N
            vs  bsdtar -xf  vs  unzip -q   (into a tmpfs, from the archive corvelstow wrote)
 
@@ -144,6 +145,21 @@ def bench_backup(container, command, threads, out, runs, data):
     return archive
 
 
+def check_archive(archive):
+    """Whether the tools a user has read the whole archive, each checking every CRC."""
+    python = ("import sys, zipfile\nwith zipfile.ZipFile(sys.argv[1]) as z:\n"
+              "    print(z.testzip() or 'ok')")
+    results = []
+    for label, command in (("unzip -t", ["unzip", "-tq", archive]),
+                           ("bsdtar -tf", ["bsdtar", "-tf", archive]),
+                           ("Python testzip", [sys.executable, "-c", python, archive])):
+        run = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        ok = run.returncode == 0 and (label != "Python testzip" or run.stdout.strip() == "ok")
+        detail = f" ({len(run.stdout.splitlines())} entries)" if label == "bsdtar -tf" else ""
+        results.append(f"{label} {'passes' if ok else 'FAILS'}{detail}")
+    print("  checks: " + ", ".join(results))
+
+
 def bench_staging(archive, command, threads, runs, data):
     home = os.path.join(TMPFS, "corvelstow-bench-home")
     target = os.path.join(TMPFS, "corvelstow-bench-unzip")
@@ -173,6 +189,7 @@ def bench(scale, args):
     out = os.path.join(args.work, "out")
     os.makedirs(out, exist_ok=True)
     archive = bench_backup(container, command, args.threads, out, args.runs, data)
+    check_archive(archive)
     bench_staging(archive, command, args.threads, args.runs, data)
     os.remove(archive)
 

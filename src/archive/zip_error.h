@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <exception>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace corvelstow {
@@ -12,7 +13,7 @@ class StowZipError : public std::exception {
  public:
   enum class Kind {
     cannotCreate,
-    tooLarge,
+    nameTooLong,
     unsupportedMethod,
     encrypted,
     wrongSize,
@@ -23,9 +24,9 @@ class StowZipError : public std::exception {
 
   /// "Could not create {name}." The archive file could not be created or opened for writing.
   static StowZipError cannotCreate(std::string name);
-  /// "{name} is over 4 GB, which this archive format can't hold." Also used with "the archive"
-  /// and "the file list" as the subject.
-  static StowZipError tooLarge(std::string name);
+  /// "{name} is a name over 65,535 bytes long, which this archive format can't hold." The name
+  /// is shortened in the middle to its first and last few dozen bytes.
+  static StowZipError nameTooLong(std::string_view name);
   /// "{path} uses compression method {method}, which isn't supported."
   static StowZipError unsupportedMethod(std::uint16_t method, std::string path);
   /// "{path} is encrypted, which isn't supported."

@@ -63,6 +63,13 @@ void write(std::string& out, const DataDescriptor& descriptor) {
   put32(out, descriptor.size);
 }
 
+void write(std::string& out, const Zip64DataDescriptor& descriptor) {
+  put32(out, Zip64DataDescriptor::kSignature);
+  put32(out, descriptor.crc);
+  put64(out, descriptor.compressedSize);
+  put64(out, descriptor.size);
+}
+
 void write(std::string& out, const CentralDirectoryHeader& header) {
   put32(out, CentralDirectoryHeader::kSignature);
   put16(out, header.versionMadeBy);
@@ -95,6 +102,34 @@ void write(std::string& out, const EndOfCentralDirectory& end) {
   put32(out, end.directorySize);
   put32(out, end.directoryOffset);
   put16(out, end.commentLength);
+}
+
+void write(std::string& out, const Zip64EndOfCentralDirectory& end) {
+  put32(out, Zip64EndOfCentralDirectory::kSignature);
+  put64(out, end.recordSize);
+  put16(out, end.versionMadeBy);
+  put16(out, end.versionNeeded);
+  put32(out, end.diskNumber);
+  put32(out, end.directoryDisk);
+  put64(out, end.entriesOnDisk);
+  put64(out, end.totalEntries);
+  put64(out, end.directorySize);
+  put64(out, end.directoryOffset);
+}
+
+void write(std::string& out, const Zip64EndLocator& locator) {
+  put32(out, Zip64EndLocator::kSignature);
+  put32(out, locator.directoryDisk);
+  put64(out, locator.zip64EndOffset);
+  put32(out, locator.totalDisks);
+}
+
+std::string zip64Extra(const std::vector<std::uint64_t>& values) {
+  std::string block;
+  put16(block, kZip64ExtraId);
+  put16(block, static_cast<std::uint16_t>(8 * values.size()));
+  for (std::uint64_t value : values) put64(block, value);
+  return block;
 }
 
 // Reading

@@ -8,13 +8,15 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/dates.h"
 
 namespace corvelstow::zip {
 
-constexpr std::uint16_t kVersionNeeded = 20;      // 2.0: deflate and folders
-constexpr std::uint16_t kVersionMadeBy = 0x031E;  // host 3 (Unix), format version 3.0
+constexpr std::uint16_t kVersionNeeded = 20;       // 2.0: deflate and folders
+constexpr std::uint16_t kVersionNeededZip64 = 45;  // 4.5: Zip64 extensions
+constexpr std::uint16_t kVersionMadeBy = 0x031E;   // host 3 (Unix), format version 3.0
 constexpr std::uint16_t kFlagEncrypted = 1u << 0;
 constexpr std::uint16_t kFlagDataDescriptor = 1u << 3;
 constexpr std::uint16_t kFlagUtf8 = 1u << 11;
@@ -75,6 +77,15 @@ struct DataDescriptor {
   std::uint32_t crc = 0;
   std::uint32_t compressedSize = 0;
   std::uint32_t size = 0;
+};
+
+/// The same with 8-byte sizes: follows the data of an entry whose local header has a Zip64 field.
+struct Zip64DataDescriptor {
+  static constexpr std::uint32_t kSignature = DataDescriptor::kSignature;
+  static constexpr std::size_t kFixedSize = 24;
+  std::uint32_t crc = 0;
+  std::uint64_t compressedSize = 0;
+  std::uint64_t size = 0;
 };
 
 /// One entry of the central directory; the views point into the directory's bytes.
@@ -171,8 +182,15 @@ class ByteCursor {
 // One write function per record: the fixed part only; the caller appends the name.
 void write(std::string& out, const LocalFileHeader& header);
 void write(std::string& out, const DataDescriptor& descriptor);
+void write(std::string& out, const Zip64DataDescriptor& descriptor);
 void write(std::string& out, const CentralDirectoryHeader& header);  // with name, extra, comment
 void write(std::string& out, const EndOfCentralDirectory& end);
+void write(std::string& out, const Zip64EndOfCentralDirectory& end);  // its fixed part alone
+void write(std::string& out, const Zip64EndLocator& locator);
+
+/// A Zip64 extended-information block holding `values` (each 8 bytes), in the order the format
+/// fixes: size, compressed size, local header offset, as far as their fields are marked.
+std::string zip64Extra(const std::vector<std::uint64_t>& values);
 
 // One read function per record. Each checks the signature and the length, and gives nothing
 // when either is wrong.

@@ -8,10 +8,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <deque>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <vector>
 
+#include "archive/zip_error.h"
 #include "archive/zip_writer.h"
 #include "backup/tree_walk.h"
 #include "base/checked.h"
@@ -27,28 +30,48 @@ namespace corvelstow {
 namespace {
 
 constexpr std::string_view kPrefix = "container/";
+// The files of one folder handed to the writer at a time, at most: enough for it to batch small
+// ones, few enough that their openers take little memory.
+constexpr std::size_t kRunFiles = 256;
+
+struct PlannedFile {
+  std::string relative;   // such as "Documents/notes/a.txt"
+  std::int64_t size = 0;  // when the walk saw it
+};
 
 /// What one walk of the container found to archive. Paths are kept relative to the container
 /// as plain strings: tens of thousands of filesystem paths would cost far more memory.
 struct BackupPlan {
   std::vector<std::string> folders;  // relative folder paths, each ending in "/"
-  std::vector<std::string> files;    // relative file paths such as "Documents/notes/a.txt"
+  std::deque<PlannedFile> files;     // given back from the front as they are handed on
   std::int64_t totalBytes = 0;
 
+  void addFolder(const std::string& relative) {
+    checkNameLength(relative + "/");
+    folders.push_back(relative + "/");
+  }
   void addFile(std::string relative, std::int64_t size) {
-    files.push_back(std::move(relative));
+    checkNameLength(relative);
+    files.push_back({std::move(relative), size});
     totalBytes = checkedAdd(totalBytes, size);
+  }
+
+  // The one limit of the format left: found before anything is written.
+  static void checkNameLength(const std::string& relative) {
+    if (kPrefix.size() + relative.size() > StowZipWriter::kMaxNameLength) {
+      throw StowZipError::nameTooLong(std::string(kPrefix) + relative);
+    }
   }
 };
 
 // Walks one top folder of the container. Only its own children are sorted and checked against
 // `excluded`; deeper levels keep the directory's order. Links are never followed nor archived,
-// the top folder included.
+// the top folder included. A folder that cannot be opened or read ends the backup.
 void walk(FolderChain& chain, const std::string& top, const std::set<std::string>& excluded,
           BackupPlan& plan) {
   plan.folders.push_back(top + "/");
   chain.moveTo("");  // back at the container
-  if (!enterFolder(chain, top, top)) return;
+  if (!enterFolder(chain, top, top, FolderFailures::fail)) return;
   std::vector<TreeEntry> children = listFolder(chain, top);
   // In the platform's order, which holds canonically equivalent names equal: two such names
   // (distinct files on Linux) keep an order of their bytes, whatever the directory's.
@@ -61,20 +84,22 @@ void walk(FolderChain& chain, const std::string& top, const std::set<std::string
     if (child.kind == TreeEntry::Kind::file) {
       plan.addFile(child.relative, child.size);
     } else if (child.kind == TreeEntry::Kind::folder) {
-      plan.folders.push_back(child.relative + "/");
-      walkTree(chain, child.name, child.relative, [&](const TreeEntry& entry) {
+      plan.addFolder(child.relative);
+      const auto visit = [&](const TreeEntry& entry) {
         if (entry.kind == TreeEntry::Kind::folder) {
-          plan.folders.push_back(entry.relative + "/");
+          plan.addFolder(entry.relative);
         } else if (entry.kind == TreeEntry::Kind::file) {
           plan.addFile(entry.relative, entry.size);
         }
-      });
+      };
+      walkTree(chain, child.name, child.relative, visit, FolderFailures::fail);
     }
   }
 }
 
-StowManifest manifestFor(const StowHostApp& app, const std::string& deviceName,
-                         const BackupPlan& plan, StowDate createdAt) {
+// The manifest of what was archived: `files` files of `bytes` bytes in all.
+StowManifest manifestFor(const StowHostApp& app, const std::string& deviceName, std::int64_t files,
+                         std::int64_t bytes, StowDate createdAt) {
   StowManifest manifest;
   manifest.schemaVersion = 1;
   manifest.bundleIdentifier = app.bundleID;
@@ -83,81 +108,123 @@ StowManifest manifestFor(const StowHostApp& app, const std::string& deviceName,
   manifest.createdAt = createdAt;
   manifest.deviceName = deviceName;
   manifest.includedPaths = {"Documents", "Library"};
-  manifest.fileCount = static_cast<std::int64_t>(plan.files.size());
-  manifest.totalBytes = plan.totalBytes;
+  manifest.fileCount = files;
+  manifest.totalBytes = bytes;
   manifest.kind = "manual";
   manifest.teamIdentifier = app.teamID;
   return manifest;
 }
 
-[[noreturn]] void throwReplaced(const std::string& relative) {
-  throwFileError(ELOOP,
-                 "Could not back up " + relative + ": it was replaced while the backup ran.");
+// A folder of the plan, open for the writer's threads to open its files in; or why it cannot be.
+struct OpenFolder {
+  std::string relative;
+  UniqueFd fd;
+  int error = 0;
+};
+
+std::shared_ptr<const OpenFolder> openFolder(FolderChain& chain, std::string relative) {
+  auto folder = std::make_shared<OpenFolder>();
+  folder->relative = std::move(relative);
+  if (chain.moveTo(folder->relative)) {
+    folder->fd.reset(::fcntl(chain.current(), F_DUPFD_CLOEXEC, 0));
+  }
+  if (!folder->fd) folder->error = errno;
+  return folder;
 }
 
-// Opens a file of the plan through its folders, following no link: a link, or anything but a
-// plain file, put in place of the file or of a folder on its way since the walk is refused.
-UniqueFd openPlanned(FolderChain& chain, const std::string& relative) {
-  const std::size_t slash = relative.rfind('/');
-  UniqueFd file;
-  if (chain.moveTo(std::string_view(relative).substr(0, slash))) {
-    file.reset(::openat(chain.current(), relative.c_str() + slash + 1,
-                        O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+// Gone, or replaced by a link or by something else than was there.
+bool isGone(int code) { return code == ENOENT || code == ENOTDIR || code == ELOOP; }
+
+// Opens a file of the plan in its folder, following no link. Nothing when it is gone or no
+// longer a plain file (renamed, removed, or replaced since the walk, or its folder was): an app
+// that runs while it is backed up does that, and the file is then left out. Any other failure
+// ends the backup, with a sentence naming the file or folder.
+UniqueFd openPlanned(const OpenFolder& folder, const std::string& relative) {
+  int code = folder.error;
+  if (folder.fd) {
+    const char* name = relative.c_str() + folder.relative.size() + 1;
+    UniqueFd file(::openat(folder.fd.get(), name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (file) {
+      struct stat info {};
+      if (::fstat(file.get(), &info) != 0) throwFileError("read the attributes of", relative);
+      return S_ISREG(info.st_mode) ? std::move(file) : UniqueFd();
+    }
+    code = errno;
   }
-  if (!file) {
-    int code = errno;
-    if (code == ELOOP || code == ENOTDIR) throwReplaced(relative);
-    throwFileError(code, "Could not open " + relative + ": " + std::strerror(code) + ".");
-  }
-  struct stat info {};
-  if (::fstat(file.get(), &info) != 0) throwFileError("read the attributes of", relative);
-  if (!S_ISREG(info.st_mode)) throwReplaced(relative);
-  return file;
+  if (isGone(code)) return {};
+  const std::string what = folder.fd ? relative : "the folder " + folder.relative;
+  throwFileError(code, "Could not open " + what + ": " + std::strerror(code) + ".");
 }
 
-// Opens a file of the plan as openPlanned does. When it cannot, the files before it are
-// written first: a failure of theirs came first, and is the one raised.
-UniqueFd openInTurn(StowZipWriter& writer, FolderChain& chain, const std::string& relative) {
-  try {
-    return openPlanned(chain, relative);
-  } catch (...) {
-    writer.writePending();
-    throw;
+// Hands the plan's files to the writer, those of one folder at a time, each opened only when
+// the writer comes to it.
+void addPlannedFiles(StowZipWriter& writer, FolderChain& chain, std::deque<PlannedFile>& files) {
+  std::vector<StowZipWriter::DeferredFile> run;
+  std::shared_ptr<const OpenFolder> folder;
+  for (; !files.empty(); files.pop_front()) {
+    PlannedFile& file = files.front();
+    const std::string_view parent =
+        std::string_view(file.relative).substr(0, file.relative.rfind('/'));
+    const bool newFolder = !folder || folder->relative != parent;
+    if (newFolder || run.size() == kRunFiles) {
+      writer.addFiles(std::move(run));
+      run.clear();
+    }
+    if (newFolder) folder = openFolder(chain, std::string(parent));
+    std::string name = std::string(kPrefix) + file.relative;
+    run.push_back(
+        {std::move(name), static_cast<std::uint64_t>(file.size),
+         [folder, relative = std::move(file.relative)] { return openPlanned(*folder, relative); }});
   }
+  writer.addFiles(std::move(run));
 }
 
-void writeArchive(StowZipWriter& writer, FolderChain& chain, const fs::path& home,
-                  const StowManifest& manifest, BackupPlan plan, const StowProgress& progress) {
+// The folders, then the files, then the manifest of what was archived: its local entry comes
+// last, once the files are written, and its record first in the directory. What an app that runs
+// meanwhile removes or replaces is left out, and the manifest counts what is there. Returns the
+// files left out.
+std::vector<std::string> writeArchive(StowZipWriter& writer, FolderChain& chain,
+                                      const StowHostApp& app, const std::string& deviceName,
+                                      StowDate createdAt, BackupPlan plan,
+                                      const StowProgress& progress) {
   writer.reserve(2 + plan.folders.size() + plan.files.size());
-  writer.add(encodeRecord(manifest), "manifest.json", currentDate());
   writer.addDirectory("container", currentDate());
   for (const auto& folder : plan.folders) {
     writer.addDirectory(std::string(kPrefix) + folder, currentDate());
   }
-  // As each file is written, which may be after later ones were read: every eighth file and the
-  // last, so that many small files do not flood the panel.
+  // As each file is written or left out, which may be after later ones were read: every eighth
+  // file and the last, so that many small files do not flood the panel.
   const size_t n = plan.files.size();
   const std::int64_t totalBytes = plan.totalBytes;
   size_t i = 0;
-  std::int64_t written = 0;
-  writer.onFileWritten([&](const StowZipWriter::Written& entry) {
-    written = checkedAdd(written, std::int64_t{entry.size});
+  std::int64_t files = 0, bytes = 0;
+  std::vector<std::string> leftOut;
+  const auto report = [&] {
     if ((i & 7) == 0 || i == n - 1) {
-      double fraction = totalBytes > 0
-                            ? static_cast<double>(written) / static_cast<double>(totalBytes)
-                            : static_cast<double>(i + 1) / static_cast<double>(n);
+      double fraction =
+          totalBytes > 0
+              ? std::min(1.0, static_cast<double>(bytes) / static_cast<double>(totalBytes))
+              : static_cast<double>(i + 1) / static_cast<double>(n);
       progress(fraction, std::to_string(i + 1) + " of " + std::to_string(n) + " files");
     }
     ++i;
+  };
+  writer.onFileWritten([&](const StowZipWriter::Written& entry) {
+    ++files;
+    bytes = checkedAdd(bytes, static_cast<std::int64_t>(entry.size));
+    report();
   });
-  for (std::string& relative : plan.files) {
-    UniqueFd file = openInTurn(writer, chain, relative);
-    writer.addFile(file.get(), files::join(home, relative), std::string(kPrefix) + relative);
-    std::string().swap(relative);  // the writer holds the name now: not twice in memory
-  }
-  // The central directory is built in memory next: give back the file list first.
-  plan = BackupPlan();
+  writer.onFileLeftOut([&](const std::string& name) {
+    leftOut.push_back(name.substr(kPrefix.size()));
+    report();
+  });
+  addPlannedFiles(writer, chain, plan.files);
+  plan = BackupPlan();    // the central directory is built next: the file list goes first
+  writer.writePending();  // every file counted
+  writer.addListedFirst(encodeRecord(manifestFor(app, deviceName, files, bytes, createdAt)),
+                        "manifest.json", currentDate());
   writer.finish();
+  return leftOut;
 }
 
 // Held for the whole backup, so that no restore or undo changes the data while it is read and
@@ -274,8 +341,9 @@ std::string exportFileName(std::string_view appName, StowDate createdAt) {
   return name + stamp + "." + std::string(kBackupExtension);
 }
 
-fs::path backUp(const StowLayout& layout, const StowHostApp& app, const std::string& deviceName,
-                bool includeCaches, unsigned threads, const StowProgress& progress) {
+StowBackupResult backUp(const StowLayout& layout, const StowHostApp& app,
+                        const std::string& deviceName, bool includeCaches, unsigned threads,
+                        const StowProgress& progress) {
   const std::optional<StowContainerLock> lock = lockFor(layout);
   // Half-swapped data is no backup, and would replace the last good export.
   refuseWhileSwapUnfinished(layout);
@@ -290,19 +358,19 @@ fs::path backUp(const StowLayout& layout, const StowHostApp& app, const std::str
   walk(chain, "Documents", {}, plan);
   walk(chain, "Library", libraryExcluded, plan);
   const StowDate createdAt = currentDate();
-  StowManifest manifest = manifestFor(app, deviceName, plan, createdAt);
 
   prepareExports(layout.exports);
-  const fs::path archive = layout.exports / exportFileName(app.name, createdAt);
-  writeWhenDone(archive, threads, [&](StowZipWriter& writer) {
-    writeArchive(writer, chain, layout.home, manifest, std::move(plan), progress);
+  StowBackupResult result{layout.exports / exportFileName(app.name, createdAt), {}};
+  writeWhenDone(result.archive, threads, [&](StowZipWriter& writer) {
+    result.leftOut =
+        writeArchive(writer, chain, app, deviceName, createdAt, std::move(plan), progress);
   });
-  removeOtherExports(archive);
+  removeOtherExports(result.archive);
 
   StowSettings settings = loadSettings(layout);
   settings.lastBackupAt = createdAt;
   saveSettings(layout, settings);
-  return archive;
+  return result;
 }
 
 }  // namespace corvelstow

@@ -105,13 +105,13 @@ bool FolderChain::reopen() {
   return true;
 }
 
-bool enterFolder(FolderChain& chain, const std::string& name, const std::string& relative) {
+bool enterFolder(FolderChain& chain, const std::string& name, const std::string& relative,
+                 FolderFailures failures) {
   if (chain.enter(name)) return true;
   int code = errno;
-  // Unreadable, gone, or replaced since it was listed: left out, as a link is.
-  if (code == EACCES || code == EPERM || code == ENOENT || code == ENOTDIR || code == ELOOP) {
-    return false;
-  }
+  // Gone, or replaced since it was listed: left out, as a link is.
+  if (code == ENOENT || code == ENOTDIR || code == ELOOP) return false;
+  if (failures == FolderFailures::passOver) return false;
   throwFolderError("open", relative, code);
 }
 
@@ -153,18 +153,27 @@ std::vector<TreeEntry> listFolder(FolderChain& chain, const std::string& relativ
 // Depth first with a stack of listings rather than recursion, so that a deep tree needs
 // neither a descriptor nor a stack frame per level.
 void walkTree(FolderChain& chain, const std::string& name, const std::string& relative,
-              const std::function<void(const TreeEntry&)>& visit) {
+              const std::function<void(const TreeEntry&)>& visit, FolderFailures failures) {
   const std::size_t depth = chain.depth();
   ScopeGuard standBack([&] {
     while (chain.depth() > depth) chain.leave();
   });
-  if (!enterFolder(chain, name, relative)) return;
   struct Listing {
     std::vector<TreeEntry> entries;
     std::size_t next = 0;
   };
   std::vector<Listing> listings;
-  listings.push_back({listFolder(chain, relative)});
+  // Enters the folder and lists it, unless it is passed over.
+  const auto descend = [&](const std::string& folder, const std::string& folderRelative) {
+    if (!enterFolder(chain, folder, folderRelative, failures)) return;
+    try {
+      listings.push_back({listFolder(chain, folderRelative)});
+    } catch (const StowFileError&) {
+      chain.leave();
+      if (failures == FolderFailures::fail) throw;
+    }
+  };
+  descend(name, relative);
   while (!listings.empty()) {
     Listing& listing = listings.back();
     if (listing.next == listing.entries.size()) {
@@ -174,9 +183,7 @@ void walkTree(FolderChain& chain, const std::string& name, const std::string& re
     }
     const TreeEntry entry = std::move(listing.entries[listing.next++]);
     visit(entry);
-    if (entry.kind == TreeEntry::Kind::folder && enterFolder(chain, entry.name, entry.relative)) {
-      listings.push_back({listFolder(chain, entry.relative)});
-    }
+    if (entry.kind == TreeEntry::Kind::folder) descend(entry.name, entry.relative);
   }
 }
 

@@ -63,10 +63,16 @@ class FolderChain {
   std::size_t firstOpen_ = 0;  // the levels before it hold no descriptor; those from it all do
 };
 
+/// What a walk does with a folder that cannot be opened or read: the backup fails, naming it, as
+/// it does for a file; the usage survey counts it as empty. Either way a folder gone, or replaced
+/// by a link or a file, since it was listed is passed over, as a link is.
+enum class FolderFailures { fail, passOver };
+
 /// Enters the folder `name` of the chain's current one, found at `relative`. False when the
-/// folder is passed over: the user may not read it, or it is gone or no longer a folder (a link
-/// in its place). Throws StowFileError naming `relative` when it cannot be opened otherwise.
-bool enterFolder(FolderChain& chain, const std::string& name, const std::string& relative);
+/// folder is passed over (see FolderFailures); throws StowFileError naming `relative` when it
+/// fails.
+bool enterFolder(FolderChain& chain, const std::string& name, const std::string& relative,
+                 FolderFailures failures);
 
 /// The entries directly in the chain's current folder, found at `relative`, in the order the
 /// directory yields them; each entry's `relative` is `relative` + "/" + its name. An entry whose
@@ -76,9 +82,10 @@ std::vector<TreeEntry> listFolder(FolderChain& chain, const std::string& relativ
 
 /// Visits everything below the folder `name` of the chain's current folder, found at `relative`
 /// (not the folder itself), depth first, a folder before its contents, in directory order,
-/// without following symbolic links. Folders are entered as `enterFolder` does: passed over, or
-/// the walk throws. The chain stands where it stood before, however the walk ends.
+/// without following symbolic links. Folders that cannot be opened or read are passed over, or
+/// the walk throws, as `failures` says. The chain stands where it stood before, however the walk
+/// ends.
 void walkTree(FolderChain& chain, const std::string& name, const std::string& relative,
-              const std::function<void(const TreeEntry&)>& visit);
+              const std::function<void(const TreeEntry&)>& visit, FolderFailures failures);
 
 }  // namespace corvelstow

@@ -27,13 +27,13 @@ StowFolderSize measureFolder(const fs::path& home, const std::string& relative,
       count(child.size);
       continue;
     }
-    try {
-      walkTree(chain, child.name, child.relative, [&](const TreeEntry& entry) {
-        if (entry.kind == TreeEntry::Kind::file) count(entry.size);
-      });
-    } catch (const StowFileError&) {
-      // The survey never fails: a folder that cannot be read adds what was counted before it.
-    }
+    // The survey never fails: a folder that cannot be read counts as empty.
+    walkTree(
+        chain, child.name, child.relative,
+        [&](const TreeEntry& entry) {
+          if (entry.kind == TreeEntry::Kind::file) count(entry.size);
+        },
+        FolderFailures::passOver);
   }
   return total;
 }

@@ -247,16 +247,17 @@ void StowModel::backUpWith(bool includeCaches, unsigned threads,
   runInBackground([layout = layout_, app = app_, device = deviceName_, includeCaches, threads,
                    progress = progressFor(kBackingUp),
                    completion = std::move(completion)]() -> Continuation {
-    std::filesystem::path archive =
+    StowBackupResult backup =
         corvelstow::backUp(layout, app, device, includeCaches, threads, progress);
-    return [archive, completion](StowModel& model) {
+    return [backup, completion](StowModel& model) {
       model.finishProgress();
       model.publish(model.work_, Work::idle(), Field::work);
-      model.publish(model.lastExport_, std::optional<std::filesystem::path>(archive),
+      model.publish(model.lastExportLeftOut_, backup.leftOut, Field::lastExport);
+      model.publish(model.lastExport_, std::optional<std::filesystem::path>(backup.archive),
                     Field::lastExport);
       // The backup stamped lastBackupAt.
       model.publish(model.settings_, loadSettings(model.layout_), Field::settings);
-      if (completion) completion(archive);
+      if (completion) completion(backup.archive);
     };
   });
 }

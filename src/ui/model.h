@@ -180,6 +180,9 @@ class StowModel : public std::enable_shared_from_this<StowModel> {
   const std::optional<StowStagedRestore>& pending() const { return pending_; }
   const std::optional<StowStagedRestore>& previous() const { return previous_; }
   const std::optional<std::filesystem::path>& lastExport() const { return lastExport_; }
+  /// The files the last backup could not archive (see StowBackupResult), published with
+  /// lastExport.
+  const std::vector<std::string>& lastExportLeftOut() const { return lastExportLeftOut_; }
   /// The last launch-time operation's outcome (outcome.json), read at creation and reload.
   const std::optional<StowOutcome>& outcome() const { return outcome_; }
 
@@ -307,6 +310,7 @@ class StowModel : public std::enable_shared_from_this<StowModel> {
   std::optional<StowStagedRestore> pending_;
   std::optional<StowStagedRestore> previous_;
   std::optional<std::filesystem::path> lastExport_;
+  std::vector<std::string> lastExportLeftOut_;
   std::optional<StowOutcome> outcome_;
 
   StowRect pillFrame_;

@@ -27,6 +27,19 @@ constexpr const char* kInformation =
     "Quarrin's App Data and Quarrin backups restore here. Keychain items and shared app group "
     "data are not included.";
 
+// What the last backup left out, naming the first few files.
+std::string leftOutText(const std::vector<std::string>& leftOut) {
+  constexpr std::size_t kNamed = 3;
+  std::string text = "The last backup left out " + std::to_string(leftOut.size()) +
+                     (leftOut.size() == 1 ? " file" : " files") +
+                     " that the app removed or replaced while it ran: ";
+  for (std::size_t i = 0; i < leftOut.size() && i < kNamed; ++i) {
+    text += (i > 0 ? ", " : "") + leftOut[i];
+  }
+  if (leftOut.size() > kNamed) text += " and " + std::to_string(leftOut.size() - kNamed) + " more";
+  return text + ".";
+}
+
 struct ScopeText {
   StowRestoreScope scope;
   const char* description;
@@ -83,6 +96,10 @@ class PanelBuilder {
                                            "clock.arrow.circlepath"});
     } else {
       section.rows.push_back(Content::Text{kNotBackedUp, "clock"});
+    }
+    if (const auto& leftOut = model_.lastExportLeftOut(); !leftOut.empty()) {
+      section.rows.push_back(
+          Content::Text{leftOutText(leftOut), "exclamationmark.triangle", Style::warning});
     }
     if (const auto& usage = model_.usage()) {
       section.rows.push_back(Content::Value{"Documents", format_.byteCount(usage->documentsBytes)});

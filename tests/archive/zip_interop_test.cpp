@@ -1,9 +1,14 @@
 // Archives exchanged with the tools a user has: what the writer makes must pass Info-ZIP's unzip,
 // bsdtar and Python's zipfile, and what they make must read back with the right names and bytes.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <fstream>
 #include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
 
 #include "archive/zip_reader.h"
 #include "archive/zip_writer.h"
@@ -29,8 +34,14 @@ const Tree kTree = {
     {"deep/er/still/x.json", testing::sampleText(kBlock + 1)},
 };
 
+// Its files all modified at the sample date, so that an archive of it is the same every time.
 std::string writeTree(const testing::TempFolder& folder) {
-  for (const auto& [name, bytes] : kTree) testing::writeFile(folder / "tree" / name, bytes);
+  const timespec times[2] = {{testing::sampleDate().time_since_epoch().count(), 0},
+                             {testing::sampleDate().time_since_epoch().count(), 0}};
+  for (const auto& [name, bytes] : kTree) {
+    testing::writeFile(folder / "tree" / name, bytes);
+    ::utimensat(AT_FDCWD, (folder / "tree" / name).c_str(), times, 0);
+  }
   return (folder / "tree").string();
 }
 
@@ -72,25 +83,42 @@ with zipfile.ZipFile(path, "w", method) as archive:
             archive.writestr(name, data)
 )";
 
-// Written on 1, 2 or 8 threads, the archive is the same byte for byte. Each tool unpacks every
-// file, checking its CRC, and makes the empty folder.
+// Written on 1, 2 or 8 threads, the archive is the same byte for byte, and the same as the
+// writer has always made of this tree (its SHA-256, which a change of zlib's output would also
+// move). Each tool unpacks every file, checking its CRC, and makes the empty folder.
 TEST(ZipInteropTest, OurArchivesAreTheSameOnAnyThreadsAndPassUnzipBsdtarAndPython) {
   testing::TempFolder folder;
   const std::string tree = writeTree(folder), archive = (folder / "ours.zip").string();
   Tree expected = {{"manifest.json", "{\"appName\": \"Notes\"}"}};
   std::string onOneThread;
+  // Files added one by one, or opened when their turn comes: by the threads, several to a task,
+  // unless they are large, or grown since they were seen (expected to be empty).
+  enum class Adding { each, deferred, grown };
   for (unsigned threads : {1u, 2u, 8u}) {
-    StowZipWriter writer(archive, threads);
-    writer.add("{\"appName\": \"Notes\"}", "manifest.json", testing::sampleDate());
-    writer.addDirectory("container/empty", testing::sampleDate());
-    for (const auto& [name, bytes] : kTree) {
-      writer.addFile(fs::path(tree) / name, "container/" + name);
-      expected["container/" + name] = bytes;
+    for (Adding adding : {Adding::each, Adding::deferred, Adding::grown}) {
+      StowZipWriter writer(archive, threads);
+      writer.add("{\"appName\": \"Notes\"}", "manifest.json", testing::sampleDate());
+      writer.addDirectory("container/empty", testing::sampleDate());
+      std::vector<StowZipWriter::DeferredFile> deferred;
+      for (const auto& [name, bytes] : kTree) {
+        const fs::path file = fs::path(tree) / name;
+        expected["container/" + name] = bytes;
+        if (adding == Adding::each) {
+          writer.addFile(file, "container/" + name);
+          continue;
+        }
+        deferred.push_back({"container/" + name, adding == Adding::grown ? 0 : bytes.size(),
+                            [file] { return UniqueFd(::open(file.c_str(), O_RDONLY)); }});
+      }
+      writer.addFiles(std::move(deferred));
+      writer.finish();
+      if (onOneThread.empty()) onOneThread = testing::readFile(archive);
+      EXPECT_TRUE(testing::readFile(archive) == onOneThread)
+          << threads << " threads, adding " << static_cast<int>(adding);
     }
-    writer.finish();
-    if (threads == 1) onOneThread = testing::readFile(archive);
-    EXPECT_TRUE(testing::readFile(archive) == onOneThread) << threads << " threads";
   }
+  EXPECT_EQ(runProcess({"sha256sum", archive}).out.substr(0, 64),
+            "621ae7c81cedb9e666b4b4d32087c614eac6694ef9f8e7e4bf34931db5172f6b");
 
   fs::create_directories(folder / "bsdtar");
   const std::vector<std::string> commands[] = {
@@ -108,6 +136,67 @@ TEST(ZipInteropTest, OurArchivesAreTheSameOnAnyThreadsAndPassUnzipBsdtarAndPytho
     EXPECT_EQ(files, expected) << command[0];
     EXPECT_TRUE(fs::is_directory(fs::path(command.back()) / "container/empty")) << command[0];
   }
+}
+
+// Every entry of the archive read whole, its CRC checked, by our reader, unzip and Python's
+// zipfile, and listed by bsdtar: the tools at once, on the cores there are.
+void expectEveryToolReads(const fs::path& archive, std::size_t entries) {
+  const std::vector<std::string> commands[] = {
+      {"unzip", "-tq", archive},
+      {"sh", "-c", "bsdtar -tf \"$0\" | wc -l", archive},
+      {"python3", "-c",
+       "import sys, zipfile\nwith zipfile.ZipFile(sys.argv[1]) as z:\n"
+       "    print(z.testzip() or len(z.infolist()))",
+       archive},
+  };
+  std::vector<std::unique_ptr<testing::ChildProcess>> tools;
+  for (const auto& command : commands) {
+    tools.push_back(std::make_unique<testing::ChildProcess>(command));
+  }
+  StowZipReader reader(archive);
+  EXPECT_EQ(reader.items().size(), entries);
+  for (const StowZipItem& item : reader.items()) reader.extract(item, [](std::string_view) {});
+  for (std::size_t i = 0; i < tools.size(); ++i) {
+    const auto result = tools[i]->wait();
+    EXPECT_EQ(result.exitCode, 0) << commands[i][0] << ": " << result.out << result.err;
+    if (i > 0) {
+      EXPECT_EQ(result.out, std::to_string(entries) + "\n") << commands[i][0];
+    }
+  }
+}
+
+// Past the classic limits: 65,535 entries; a file of 4 GiB and a byte (sparse, its sizes in Zip64
+// fields, the descriptor's 8 bytes each); an entry and the directory past 4 GiB (after a hole).
+TEST(ZipInteropTest, ArchivesPastTheClassicLimitsPassEveryTool) {
+  testing::TempFolder folder;
+  StowZipWriter many(folder / "many.zip", 2);
+  for (int i = 0; i < 65535; ++i) many.addDirectory(std::to_string(i), testing::sampleDate());
+  many.finish();
+  expectEveryToolReads(folder / "many.zip", 65535);
+
+  constexpr std::uint64_t kBig = 0x100000001;
+  if (UniqueFd big(::open((folder / "big").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+      ::ftruncate(big.get(), kBig) != 0) {
+    GTEST_SKIP() << "This file system cannot hold a file of 4 GiB: the rest is skipped.";
+  }
+  StowZipWriter writer(folder / "big.zip", 2);
+  writer.addFile(folder / "big", "big");
+  writer.skipForTesting(0x100000000);
+  writer.add("after", "after", testing::sampleDate());
+  writer.finish();
+  expectEveryToolReads(folder / "big.zip", 2);
+  const StowZipWriter::Written& big = writer.written().at(0);
+  std::ifstream file(folder / "big.zip", std::ios::binary);
+  std::string header(53, '\0'), descriptor(24, '\0');
+  file.read(header.data(), 53);
+  file.seekg(static_cast<std::streamoff>(33 + 20 + big.compressed));
+  file.read(descriptor.data(), 24);
+  // Version needed 4.5, flags, method, time, date, CRC and sizes to come, name and extra lengths.
+  EXPECT_EQ(header.substr(4, 26), testing::hexBytes("2d00 0808 0800") + header.substr(10, 4) +
+                                      testing::hexBytes("00000000 ffffffff ffffffff 0300 1400"));
+  EXPECT_EQ(header.substr(33), testing::hexBytes("0100 1000") + std::string(16, '\0'));
+  EXPECT_EQ(descriptor, testing::hexBytes("504b0708") + testing::leBytes(big.crc, 4) +
+                            testing::leBytes(big.compressed, 8) + testing::leBytes(kBig, 8));
 }
 
 // Info-ZIP's zip and bsdtar (with entries for the folders; names in UTF-8, which zip does not

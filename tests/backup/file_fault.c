@@ -1,8 +1,11 @@
 // A fault seam for the backup, preloaded into a real `corvelstow backup`. It stands in front of
 // the C library's calls that change files (write, rename, unlink) and of openat:
 //   CORVELSTOW_KILL_AT_CHANGE=N     the process is killed (SIGKILL) as it asks for its Nth change
-//   CORVELSTOW_RELINK_AT_CHANGE=N   just before its Nth change, the path CORVELSTOW_RELINK is
-//                                   replaced by a symbolic link to CORVELSTOW_RELINK_TARGET
+//   CORVELSTOW_CHANGE_AT=N          just before its Nth change, as a running app would, changes
+//                                   the path CORVELSTOW_CHANGE_PATH as CORVELSTOW_CHANGE says:
+//                                   "remove" (a file), "rename" (to CORVELSTOW_CHANGE_TO), "grow"
+//                                   (by 1 MiB) or "relink" (set aside, and a symbolic link to
+//                                   CORVELSTOW_CHANGE_TO put in its place)
 //   CORVELSTOW_FAIL_OPEN=NAME       opening anything named NAME (last component) fails with the
 //                                   errno CORVELSTOW_FAIL_OPEN_ERRNO
 #define _GNU_SOURCE
@@ -28,19 +31,38 @@ static int atChange(const char* variable, int change) {
   return value && atoi(value) == change;
 }
 
+// Changes the container as CORVELSTOW_CHANGE says, through the C library's own calls.
+static void changeContainer(void) {
+  const char* how = getenv("CORVELSTOW_CHANGE");
+  const char* path = getenv("CORVELSTOW_CHANGE_PATH");
+  const char* to = getenv("CORVELSTOW_CHANGE_TO");
+  REAL(rename);
+  if (strcmp(how, "remove") == 0) {
+    REAL(unlink);
+    real(path);
+  } else if (strcmp(how, "rename") == 0) {
+    real(path, to);
+  } else if (strcmp(how, "grow") == 0) {
+    static char more[1 << 20];
+    memset(more, 'g', sizeof more);
+    REAL(write);
+    int fd = open(path, O_WRONLY | O_APPEND);
+    real(fd, more, sizeof more);
+    close(fd);
+  } else if (strcmp(how, "relink") == 0) {
+    char aside[4096];
+    snprintf(aside, sizeof aside, "%s.replaced", path);
+    real(path, aside);
+    symlink(to, path);
+  }
+}
+
 // Counts one change and does what the environment asks for at it.
 static void change(void) {
   static int changes = 0;
   int now = __atomic_add_fetch(&changes, 1, __ATOMIC_SEQ_CST);
   if (atChange("CORVELSTOW_KILL_AT_CHANGE", now)) raise(SIGKILL);
-  if (atChange("CORVELSTOW_RELINK_AT_CHANGE", now)) {
-    const char* path = getenv("CORVELSTOW_RELINK");
-    char aside[4096];
-    snprintf(aside, sizeof aside, "%s.replaced", path);
-    REAL(rename);
-    real(path, aside);
-    symlink(getenv("CORVELSTOW_RELINK_TARGET"), path);
-  }
+  if (atChange("CORVELSTOW_CHANGE_AT", now)) changeContainer();
 }
 
 ssize_t write(int fd, const void* bytes, size_t count) {

@@ -140,7 +140,8 @@ class ModelFixture : public ::testing::Test {
     fs::create_directories(source.documents);
     fs::create_directories(source.library);
     for (const auto& [path, contents] : files) writeFile(source.home / path, contents);
-    return backUp(source, maker, "Ada's iPhone", false, 2, [](double, const std::string&) {});
+    return backUp(source, maker, "Ada's iPhone", false, 2, [](double, const std::string&) {})
+        .archive;
   }
 };
 

@@ -2,6 +2,7 @@
 // restore for the next launch.
 
 #include <cerrno>
+#include <iostream>
 #include <ostream>
 #include <stdexcept>
 
@@ -32,10 +33,18 @@ void backup(const CommandContext& context, bool includeCachesFlag, unsigned thre
     session.finishWork();
   }
   fs::path archive = *model.lastExport();
+  const std::vector<std::string>& leftOut = model.lastExportLeftOut();
   if (context.json) {
-    context.printJson({{"archive", archive.string()}, {"manifest", toJson(readManifest(archive))}});
+    context.printJson({{"archive", archive.string()},
+                       {"manifest", toJson(readManifest(archive))},
+                       {"leftOut", leftOut}});
   } else {
     context.out << archive.string() << '\n';
+    // Beside the progress rather than after the path, which stays the only line of stdout.
+    for (const std::string& path : leftOut) {
+      std::cerr << "Left out " << path
+                << ": the app removed or replaced it while the backup ran.\n";
+    }
   }
 }
 
