@@ -205,7 +205,7 @@ TEST(HostileArchivesTest, EachIsRefusedWithItsSentenceOrReadAsOtherToolsReadIt) 
       EXPECT_EQ(restore.exitCode, c.restoreError.empty() ? 0 : 1);
       EXPECT_EQ(restore.err, c.restoreError.empty() ? "" : c.restoreError + "\n");
       const fs::path work = home / "Library/CorvelStow";
-      EXPECT_EQ(testing::readTree(work / "Staged"), c.staged);
+      EXPECT_EQ(testing::readStagedTree(work / "Staged"), c.staged);
       EXPECT_EQ(fs::exists(work / "staged.json"), c.restoreError.empty());
     }
   }

@@ -59,12 +59,7 @@ class StagingTest : public ::testing::TestWithParam<unsigned> {
                  [&](double, const std::string& detail) { details.push_back(detail); });
   }
 
-  // What Staged holds, without the file that marks it as staged.json's.
-  std::map<std::string, std::string> stagedTree() {
-    auto tree = readTree(layout.staged);
-    std::erase_if(tree, [](const auto& entry) { return entry.first.starts_with(".staging-"); });
-    return tree;
-  }
+  std::map<std::string, std::string> stagedTree() { return testing::readStagedTree(layout.staged); }
 
   // Staging fails with exactly `message` and leaves the staging that was there (none, or an
   // earlier one) as it was.

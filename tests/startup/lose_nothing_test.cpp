@@ -91,8 +91,8 @@ class LoseNothingTest : public testing::ContainerFixture {
     const fs::path archive = folder / "backup.corvelappdata";
     StowZipWriter writer(archive);
     Tree files;
-    for (const auto& [path, contents] : readTree(layout.staged)) {
-      if (contents != "/" && !path.starts_with(".staging-")) files[path] = contents;
+    for (const auto& [path, contents] : testing::readStagedTree(layout.staged)) {
+      if (contents != "/") files[path] = contents;
     }
     record.manifest.fileCount = static_cast<std::int64_t>(files.size());
     writer.add(encodeRecord(record.manifest), "manifest.json", currentDate());

@@ -65,7 +65,8 @@ TEST(RecordsTest, WritesExactlyTheFieldNamesAndOmitsAbsentOptionals) {
   EXPECT_EQ(keysOf(encodeRecord(StowOutcome{})),
             (std::vector<std::string>{"announced", "appliedAt", "canUndo", "message",
                                       "sourceDate", "sourceName", "succeeded"}));
-  StowStagedRestore staged{fullManifest(), StowRestoreScope::documents, date("2024-05-02T10:00:00Z")};
+  StowStagedRestore staged{fullManifest(), StowRestoreScope::documents,
+                           date("2024-05-02T10:00:00Z"), std::nullopt};
   json stagedJson = json::parse(encodeRecord(staged));
   EXPECT_EQ(stagedJson["scope"], "documents");
   EXPECT_EQ(stagedJson["stagedAt"], "2024-05-02T10:00:00Z");
@@ -74,7 +75,8 @@ TEST(RecordsTest, WritesExactlyTheFieldNamesAndOmitsAbsentOptionals) {
 
 TEST(RecordsTest, RoundTripsEveryRecordByteForByte) {
   StowSettings settings{false, true, date("2026-03-03T14:05:00+01:00")};
-  StowStagedRestore staged{fullManifest(), StowRestoreScope::settings, date("2026-01-01T00:00:00Z")};
+  StowStagedRestore staged{fullManifest(), StowRestoreScope::settings, date("2026-01-01T00:00:00Z"),
+                           "0123456789abcdef0123456789abcdef"};
   StowOutcome outcome{true, "Restored everything from Notes.", "Notes", date("2024-05-01T09:30:00Z"),
                       date("2024-05-03T08:00:00Z"), true, false};
 
@@ -138,7 +140,9 @@ TEST(RecordsTest, FailsTheWholeRecordOnAMissingKeyOrWrongType) {
   EXPECT_EQ(tolerant->schemaVersion, 7);
   EXPECT_EQ(tolerant->kind, "scheduled");
 
-  json staged = json::parse(encodeRecord(StowStagedRestore{fullManifest()}));
+  StowStagedRestore bare;
+  bare.manifest = fullManifest();
+  json staged = json::parse(encodeRecord(bare));
   EXPECT_FALSE(decodeRecord<StowStagedRestore>(with(staged, "scope", "library").dump()));
   EXPECT_FALSE(decodeRecord<StowStagedRestore>(with(staged, "scope", "Everything").dump()));
   EXPECT_FALSE(decodeRecord<StowSettings>(R"({"showOnLaunch": 1, "includeCaches": false})"));

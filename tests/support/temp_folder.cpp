@@ -55,4 +55,10 @@ std::map<std::string, std::string> readTree(const fs::path& root) {
   return tree;
 }
 
+std::map<std::string, std::string> readStagedTree(const fs::path& staged) {
+  auto tree = readTree(staged);
+  std::erase_if(tree, [](const auto& entry) { return entry.first.starts_with(".staging-"); });
+  return tree;
+}
+
 }  // namespace corvelstow::testing

@@ -38,4 +38,7 @@ namespace corvelstow::testing {
 /// a symbolic link to "-> target". A missing root gives an empty map.
 std::map<std::string, std::string> readTree(const fs::path& root);
 
+/// readTree of a staging folder without the file that marks which staging it is.
+std::map<std::string, std::string> readStagedTree(const fs::path& staged);
+
 }  // namespace corvelstow::testing

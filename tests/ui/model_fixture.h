@@ -89,7 +89,7 @@ inline StowStagedRestore stagedRestore(const std::string& appName, StowRestoreSc
   manifest.appName = appName;
   manifest.createdAt = *parseInternetDate("2024-05-01T09:30:00Z");
   manifest.includedPaths = {"Documents", "Library"};
-  return {manifest, scope, *parseInternetDate("2024-05-02T08:00:00Z")};
+  return {manifest, scope, *parseInternetDate("2024-05-02T08:00:00Z"), std::nullopt};
 }
 
 /// A model over a temporary container, driven by the manual clock, with every published change

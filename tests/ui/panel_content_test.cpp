@@ -155,14 +155,14 @@ TEST_F(PanelContentTest, APreviewReplacesTheActionsBelowAFailureOrTheWorkAndAbov
   model->setScope(Scope::settings);
   model->prepareRestore();  // the backup holds no settings
   dispatcher.settle();
-  // The failed staging cleared the restore staged before it: none is ready any more.
-  EXPECT_FALSE(model->pending());
+  // The failed staging was built beside the restore staged before it, which stays ready.
+  EXPECT_TRUE(model->pending());
   EXPECT_EQ(kinds(), (Kinds{Kind::header, Kind::appData, Kind::error, Kind::preview,
-                            Kind::lastRestore, Kind::options, Kind::information}));
+                            Kind::pending, Kind::lastRestore, Kind::options, Kind::information}));
   EXPECT_EQ(rows(Kind::error), (Rows{C::Text{*model->errorText(), "", Style::warning}}));
   model->backUp();
   EXPECT_EQ(kinds(), (Kinds{Kind::header, Kind::appData, Kind::work, Kind::preview,
-                            Kind::lastRestore, Kind::options, Kind::information}));
+                            Kind::pending, Kind::lastRestore, Kind::options, Kind::information}));
 }
 
 TEST_F(PanelContentTest, AStagedRestoreIsReadyToRestoreAndTheLastOffersTheUndoWhileDataIsKept) {
