@@ -27,6 +27,12 @@ constexpr std::size_t kTailSize = zip::EndOfCentralDirectory::kFixedSize + zip::
 // The end records tried, nearest the end of the file first: enough for an archive whose comment
 // holds a copy of its own, few enough that many signatures in a comment cost little.
 constexpr std::size_t kEndRecordsTried = 4;
+// The central directory is read a window at a time, so that a large archive's is never held
+// whole beside the entries made from it. A window is refilled while it may end inside a record:
+// one is at most its fixed part and three 16-bit lengths of name, extra field and comment.
+constexpr std::size_t kDirectoryWindow = 1 << 20;
+constexpr std::size_t kLargestDirectoryRecord =
+    zip::CentralDirectoryHeader::kFixedSize + 3 * 0xFFFF;
 // The most bytes DEFLATE gives for one: a match of 258 bytes in two bits.
 constexpr std::uint64_t kMostInflation = 1032;
 
@@ -303,29 +309,40 @@ void StowZipReader::readDirectory() {
   }
 }
 
-// The central directory that `end` places, read in one piece and walked record by record.
+// The central directory that `end` places, walked record by record.
 void StowZipReader::readDirectory(const EndRecord& end) {
   const DirectoryPlace place = locateDirectory(end);
   if (place.count == 0) return;
-  // The directory lies inside the file, before the end record: its size is bounded by the file.
-  std::string directory(static_cast<std::size_t>(place.size), '\0');
-  if (source_->readAt(place.start(), directory.data(), directory.size()) != directory.size()) {
-    throw StowZipError::notAZip();
-  }
   items_.reserve(static_cast<std::size_t>(
       std::min<std::uint64_t>(place.count, place.size / zip::CentralDirectoryHeader::kFixedSize)));
-  zip::ByteCursor cursor(directory);
+  std::string window;
+  std::size_t used = 0;    // of the window
+  std::uint64_t read = 0;  // of the directory
   while (items_.size() < place.count) {
+    if (window.size() - used < kLargestDirectoryRecord && read < place.size) {
+      window.erase(0, used);
+      used = 0;
+      const auto more =
+          static_cast<std::size_t>(std::min<std::uint64_t>(kDirectoryWindow, place.size - read));
+      const std::size_t kept = window.size();
+      window.resize(kept + more);
+      if (source_->readAt(place.start() + read, window.data() + kept, more) != more) {
+        throw StowZipError::notAZip();
+      }
+      read += more;
+    }
     // A record that is short, lacks its signature or runs past the directory: not an archive.
+    zip::ByteCursor cursor(window, used);
     auto header = zip::readCentralDirectoryHeader(cursor);
     if (!header) throw StowZipError::notAZip();
+    used = cursor.position();
     zip::EntryExtent extent = zip::entryExtent(*header);
     // Every local header lies before the directory.
     if (extent.localHeaderOffset >= place.offset) throw StowZipError::notAZip();
     StowZipItem item;
     item.versionMadeBy = header->versionMadeBy;
     nameItem(item, *header);
-    if (item.path != header->name) item.otherStoredName = std::string(header->name);
+    if (item.path != header->name) item.otherStoredName = std::make_shared<const std::string>(header->name);
     item.flags = header->flags;
     item.method = header->method;
     item.crc = header->crc;
@@ -336,7 +353,7 @@ void StowZipReader::readDirectory(const EndRecord& end) {
     items_.push_back(std::move(item));
   }
   // The records fill the directory: as many as the end record counts, and nothing after them.
-  if (cursor.remaining() != 0) throw StowZipError::notAZip();
+  if (read != place.size || used != window.size()) throw StowZipError::notAZip();
   refuseOverlaps(place.start());
 }
 

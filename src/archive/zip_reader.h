@@ -19,15 +19,15 @@ struct StowZipItem {
   /// Where `path` comes from: the stored name as UTF-8 (the name's UTF-8 flag is set, or its
   /// bytes are UTF-8), the UTF-8 name of a current Info-ZIP Unicode Path field, or the stored
   /// name as code page 437 (bytes that are not UTF-8, unflagged).
-  enum class NameEncoding { utf8, unicodePathField, cp437 };
+  enum class NameEncoding : std::uint8_t { utf8, unicodePathField, cp437 };
 
   /// The name as text (U+FFFD for bytes of a flagged name that are not UTF-8). A folder's path,
   /// and only a folder's, ends in "/": a folder is an entry whose stored name ends in "/" or,
   /// made on DOS or Windows, whose attributes say so.
   std::string path;
   /// The name's bytes as the central directory holds them, kept apart only where they differ
-  /// from `path`: a large archive's names are then held once.
-  std::optional<std::string> otherStoredName;
+  /// from `path`: a large archive's names are then held once, and its entries stay small.
+  std::shared_ptr<const std::string> otherStoredName;
   NameEncoding nameEncoding = NameEncoding::utf8;
   std::uint16_t versionMadeBy = 0;  ///< its high byte names the system that made the entry
   std::uint16_t flags = 0;          ///< the general-purpose flags

@@ -263,6 +263,7 @@ void stageRestore(const StowLayout& layout, const fs::path& archive, StowRestore
   StowManifest manifest = readManifest(reader);
 
   std::vector<const StowZipItem*> selected;
+  selected.reserve(reader.items().size());
   std::int64_t fileCount = 0;
   for (const StowZipItem& item : reader.items()) {
     if (!startsWith(item.path, kPrefix)) continue;
