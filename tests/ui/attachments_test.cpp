@@ -21,32 +21,26 @@ const int kScenes[2] = {};
 const void* const sceneA = &kScenes[0];
 const void* const sceneB = &kScenes[1];
 
-TEST(AttachmentsTest, TheOverlayFollowsActivatedAppScenesButNeverMovesUnderAShownPanel) {
-  // The scene activated, its role, the overlay as it is, and what happens.
-  const std::vector<std::tuple<const char*, bool, Overlay, Placement>> cases{
-      {"first app scene", true, {}, Placement::moveHere},
-      {"the overlay's own scene again", true, {sceneA, false}, Placement::keep},
-      {"another app scene (iPad)", true, {sceneB, false}, Placement::moveHere},
-      {"another scene while the panel is shown", true, {sceneB, true}, Placement::keep},
-      {"the panel's scene is gone", true, {nullptr, true}, Placement::moveHere},
-      {"an external display", false, {}, Placement::ignore},
-      {"an external display, overlay elsewhere", false, {sceneB, false}, Placement::ignore},
+TEST(AttachmentsTest, TheOverlayFollowsActivatedOrHeldAppScenesButNeverMovesUnderAShownPanel) {
+  // The overlay as it is, where an app scene activated or held puts it, and whether that
+  // scene's disconnect takes it.
+  const std::vector<std::tuple<const char*, Overlay, Placement, bool>> cases{
+      {"first app scene", {}, Placement::moveHere, false},
+      {"the overlay's own scene again", {sceneA, false}, Placement::keep, true},
+      {"its own scene, the panel shown", {sceneA, true}, Placement::keep, true},
+      {"another app scene (iPad)", {sceneB, false}, Placement::moveHere, false},
+      {"another scene while the panel is shown", {sceneB, true}, Placement::keep, false},
+      {"the panel's scene is gone", {nullptr, true}, Placement::moveHere, false},
   };
-  for (const auto& [name, applicationRole, overlay, expected] : cases) {
-    EXPECT_EQ(StowAttachments::activated(sceneA, applicationRole, overlay), expected) << name;
+  for (const auto& [name, overlay, expected, detaches] : cases) {
+    SCOPED_TRACE(name);
+    EXPECT_EQ(StowAttachments::activated(sceneA, true, overlay), expected);
+    EXPECT_EQ(StowAttachments::held(sceneA, overlay), expected);
+    // An external display is no place for it.
+    EXPECT_EQ(StowAttachments::activated(sceneA, false, overlay), Placement::ignore);
+    EXPECT_EQ(StowAttachments::detaches(sceneA, overlay), detaches);
   }
-}
-
-TEST(AttachmentsTest, AHoldOpensThePanelInItsOwnSceneAndADisconnectTakesTheOverlayAlong) {
-  EXPECT_EQ(StowAttachments::held(sceneA, {sceneA, false}), Placement::keep);
-  EXPECT_EQ(StowAttachments::held(sceneA, {sceneB, false}), Placement::moveHere);
-  EXPECT_EQ(StowAttachments::held(sceneA, {nullptr, false}), Placement::moveHere);
-  EXPECT_EQ(StowAttachments::held(sceneA, {sceneB, true}), Placement::keep);  // already open
-  EXPECT_EQ(StowAttachments::held(sceneA, {nullptr, true}), Placement::moveHere);
-
-  EXPECT_TRUE(StowAttachments::detaches(sceneA, {sceneA, true}));
-  EXPECT_FALSE(StowAttachments::detaches(sceneA, {sceneB, true}));
-  EXPECT_FALSE(StowAttachments::detaches(sceneA, {nullptr, false}));
+  EXPECT_FALSE(StowAttachments::detaches(nullptr, {}));
 }
 
 TEST(AttachmentsTest, HoldsGoOnHostWindowsThatLackThemAndTheGreetingIsScheduledOnce) {

@@ -13,25 +13,25 @@ namespace {
 
 using Pill = StowModel::Pill;
 
+// The pill by what it means: its tint, whether a tap and a button open the panel, and the
+// text it computes (an outcome's message, a message's text).
 TEST(PillContentTest, GoodNewsIsGreenProblemsRedAndOnlyTheInvitationAndOutcomesOpenThePanel) {
-  const StowOutcome restored = testing::outcome(true, false);
-  const StowOutcome failed = testing::outcome(false, false);
-  const char* good = "checkmark.circle.fill";
-  const char* bad = "exclamationmark.triangle.fill";
-  const std::vector<std::pair<Pill, StowPillContent>> cases{
-      {Pill::ready(),
-       {"externaldrive.fill.badge.timemachine", tint::kPink, "App data backups",
-        "Tap to back up or restore", "Open", true}},
-      {Pill::restored(restored),
-       {good, tint::kGreen, "Data restored", restored.message, "Details", true}},
-      {Pill::restored(failed),
-       {bad, tint::kRed, "Restore had problems", failed.message, "Details", true}},
-      {Pill::message("Saved", true),
-       {good, tint::kGreen, "Saved", std::nullopt, std::nullopt, false}},
-      {Pill::message("Not saved", false),
-       {bad, tint::kRed, "Not saved", std::nullopt, std::nullopt, false}},
+  const StowOutcome restored = testing::outcome(true, false),
+                    failed = testing::outcome(false, false);
+  const std::vector<std::tuple<Pill, StowColor, bool, std::string>> cases{
+      {Pill::ready(), tint::kPink, true, "Tap to back up or restore"},
+      {Pill::restored(restored), tint::kGreen, true, restored.message},
+      {Pill::restored(failed), tint::kRed, true, failed.message},
+      {Pill::message("Saved", true), tint::kGreen, false, "Saved"},
+      {Pill::message("Not saved", false), tint::kRed, false, "Not saved"},
   };
-  for (const auto& [pill, expected] : cases) EXPECT_EQ(pillContent(pill), expected);
+  for (const auto& [pill, tint, opensPanel, text] : cases) {
+    const StowPillContent content = pillContent(pill).value();
+    EXPECT_EQ(content.tint, tint);
+    EXPECT_EQ(content.tapOpensPanel, opensPanel);
+    EXPECT_EQ(content.buttonLabel.has_value(), opensPanel);
+    EXPECT_EQ(content.subtitle.value_or(content.title), text);
+  }
   EXPECT_FALSE(pillContent(Pill::none()));
 }
 

@@ -1,4 +1,4 @@
-#include "backup/ordered_work.h"
+#include "base/ordered_work.h"
 
 #include <algorithm>
 #include <condition_variable>
