@@ -157,10 +157,7 @@ class BackupCommandTest : public CommandFixture {
 
 // The second starts while the first writes; it waits for the first, or gives up with a sentence.
 TEST_F(BackupCommandTest, TwoBackupsAtOnceEachFinishOrAreToldTheOtherRuns) {
-  std::string text;  // that takes a while to compress
-  for (std::uint32_t x = 1; text.size() < (500 << 10); x = x * 1103515245 + 12345) {
-    text += std::to_string(x >> 16) + ' ';
-  }
+  const std::string text = testing::sampleText(500 << 10);  // that takes a while to compress
   for (int i = 0; i < 24; ++i) writeFile(layout.documents / "Bulk" / std::to_string(i), text);
   fs::create_directories(folder / "tmp");
   const std::string script = R"(
@@ -396,47 +393,6 @@ TEST_F(BackupCommandTest, DeepTreesAreWhollyBackedUpAndUnopenableFoldersNamed) {
     ASSERT_EQ(survey.exitCode, 0) << survey.err;
     EXPECT_EQ(nlohmann::json::parse(survey.out)["files"], 8);
   }
-}
-
-// The format is shared with another app: a backup written by other code restores here, its
-// settings renamed to this app's identifier.
-TEST_F(BackupCommandTest, ABackupWrittenElsewhereRestoresAcrossARelaunch) {
-  const fs::path archive = folder / "elsewhere.corvelappdata";
-  const std::string settings =
-      *platform::encodeBinaryPropertyList(PlistValue{domain("theme", "theirs")});
-  const std::string script = R"(
-import json, sys, zipfile
-manifest = {"schemaVersion": 1, "bundleIdentifier": "com.other.notes", "appName": "Other Notes",
-            "createdAt": "2024-05-01T09:30:00+02:00", "includedPaths": ["Documents", "Library"],
-            "fileCount": 2, "totalBytes": 21, "signerIdentity": "kept as it is"}
-with zipfile.ZipFile(sys.argv[1], "w", zipfile.ZIP_DEFLATED) as z:
-    z.writestr("manifest.json", json.dumps(manifest))
-    z.writestr("container/Documents/Notes/from elsewhere.txt", "written by other code")
-    z.writestr("container/Library/Preferences/com.other.notes.plist", open(sys.argv[2], "rb").read())
-)";
-  writeFile(folder / "settings.plist", settings);
-  auto python = testing::runProcess(
-      {"python3", "-c", script, archive.string(), (folder / "settings.plist").string()});
-  ASSERT_EQ(python.exitCode, 0) << python.err;
-
-  auto inspect = runCommand({"inspect", archive.string()}, env());
-  ASSERT_EQ(inspect.exitCode, 0) << inspect.err;
-  EXPECT_NE(inspect.out.find("  From: Other Notes\n  Bundle ID: com.other.notes\n"),
-            std::string::npos)
-      << inspect.out;
-  EXPECT_NE(inspect.out.find("This backup is from Other Notes. Its settings will be renamed"),
-            std::string::npos);
-  auto restore = runCommand({"restore", archive.string()}, env());
-  ASSERT_EQ(restore.exitCode, 0) << restore.err;
-  ASSERT_EQ(launch().exitCode, 0);
-  EXPECT_EQ(readTree(layout.documents),
-            (Tree{{"Notes", "/"}, {"Notes/from elsewhere.txt", "written by other code"}}));
-  EXPECT_EQ(domainIn(layout.preferences / "com.example.notes.plist"), domain("theme", "theirs"));
-  EXPECT_FALSE(fs::exists(layout.preferences / "com.other.notes.plist"));
-  auto outcome = readRecord<StowOutcome>(layout.outcomeRecord);
-  EXPECT_EQ(outcome->message, "Restored everything from Other Notes.");
-  EXPECT_EQ(readRecord<StowStagedRestore>(layout.previousRecord)->manifest.signerIdentity,
-            "kept as it is");
 }
 
 // A backup that cannot be written leaves no archive and no stamp. A restore needs room for what
