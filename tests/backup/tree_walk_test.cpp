@@ -53,16 +53,21 @@ TEST_F(UsageTest, MeasuresDocumentsLibraryAndCachesApart) {
   EXPECT_EQ(surveyUsage(layout), (StowUsage{5 + 3 + 7 + 5, 10, 12, 4 + 1}));
 }
 
-// Two trees 300 levels deep side by side, a file at each level, are walked with
-// FolderChain::kMaxOpen + 2 descriptors: the root, the deepest open levels and a listing. With one
-// fewer, each folder from kMaxOpen levels down cannot be listed and counts as empty, and the walk
-// goes on with the other tree, whichever comes first.
+// Two trees 300 levels deep side by side, a file at each level, and a third from 20 levels down
+// the first, beside its deeper levels, are walked with FolderChain::kMaxOpen + 2 descriptors: the
+// root, the deepest open levels and a listing. With one fewer, each folder from kMaxOpen levels
+// down cannot be listed and counts as empty, and the walk goes on with the other tree, whichever
+// comes first.
 TEST_F(UsageTest, DeepTreesNeedAFewDescriptors) {
-  for (const char* top : {"a", "b"}) {
-    fs::path path = layout.documents / "trees" / top;
-    for (int level = 0; level < 300; ++level, path /= "d") writeFile(path / "f", "x");
-  }
-  EXPECT_EQ(surveyWithSpare(FolderChain::kMaxOpen + 2), (StowUsage{600, 0, 0, 600}));
+  const auto writeTree = [](fs::path path, int levels) {
+    for (int level = 0; level < levels; ++level, path /= "d") writeFile(path / "f", "x");
+  };
+  writeTree(layout.documents / "trees/a", 300);
+  writeTree(layout.documents / "trees/b", 300);
+  fs::path branch = layout.documents / "trees/a";
+  for (int level = 0; level < 20; ++level) branch /= "d";
+  writeTree(branch / "e", 50);
+  EXPECT_EQ(surveyWithSpare(FolderChain::kMaxOpen + 2), (StowUsage{650, 0, 0, 650}));
   // Documents, trees, the top of a tree and 12 levels below it are listed.
   EXPECT_EQ(surveyWithSpare(FolderChain::kMaxOpen + 1), (StowUsage{2 * 13, 0, 0, 2 * 13}));
 }
