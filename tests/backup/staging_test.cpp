@@ -105,6 +105,7 @@ TEST_P(StagingTest, UnpacksTheChosenPartAndRecordsIt) {
                               {"Library/Preferences/com.example.notes.plist", "p"},
                               {"Library/Application Support", "/"},
                               {"Library/Application Support/db", "db"}}));
+  EXPECT_EQ(fs::status(layout.staged / "Documents/b.txt").permissions(), fs::perms(0644));
   auto staged = readRecord<StowStagedRestore>(layout.stagedRecord);
   ASSERT_TRUE(staged);
   EXPECT_EQ(staged->scope, StowRestoreScope::everything);
