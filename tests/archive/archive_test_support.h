@@ -3,8 +3,6 @@
 // Small helpers shared by the archive tests: little-endian fields of an archive's bytes, bytes
 // written as hexadecimal, dates in local time, test data and the sentence of a failure.
 
-#include <zlib.h>
-
 #include <cstdint>
 #include <ctime>
 #include <random>
@@ -74,25 +72,6 @@ inline std::string sampleText(std::size_t count) {
   }
   text.resize(count);
   return text;
-}
-
-/// The bytes of a raw DEFLATE stream, unpacked with zlib's own calls: an oracle independent of
-/// InflateStream. Empty when the stream is invalid or incomplete.
-inline std::string zlibInflateRaw(std::string_view compressed) {
-  z_stream stream{};
-  if (inflateInit2(&stream, -15) != Z_OK) return {};
-  std::string buffer(1 << 16, '\0'), result;
-  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(compressed.data()));
-  stream.avail_in = static_cast<uInt>(compressed.size());
-  int status = Z_OK;
-  do {
-    stream.next_out = reinterpret_cast<Bytef*>(buffer.data());
-    stream.avail_out = static_cast<uInt>(buffer.size());
-    status = inflate(&stream, Z_NO_FLUSH);
-    result.append(buffer.data(), buffer.size() - stream.avail_out);
-  } while (status == Z_OK);
-  inflateEnd(&stream);
-  return status == Z_STREAM_END ? result : std::string();
 }
 
 /// The sentence of the archive or file error that `operation` throws, a file error marked as

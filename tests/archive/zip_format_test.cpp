@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <cstdlib>
 #include <tuple>
 
@@ -11,8 +10,6 @@
 
 namespace corvelstow {
 namespace {
-
-using testing::leBytes;
 
 TEST(ZipFormatTest, DecodesNamesReplacingEachIllFormedSubpart) {
   const std::string kBad = "\xEF\xBF\xBD";
@@ -30,36 +27,6 @@ TEST(ZipFormatTest, DecodesNamesReplacingEachIllFormedSubpart) {
       {std::string("a\0b", 3), std::string("a\0b", 3)},
   };
   for (const auto& [bytes, text] : cases) EXPECT_EQ(zip::decodeName(bytes), text) << bytes;
-}
-
-// The Zip64 block holds a value for each marked field only, in the order size, compressed size,
-// offset; other blocks are skipped, and a block cut short fills what it can.
-TEST(ZipFormatTest, TakesZip64ValuesOnlyForFieldsMarkedAsSuch) {
-  constexpr std::uint32_t kMarked = 0xFFFFFFFF;
-  constexpr std::uint64_t k1 = 0x100000001, k2 = 0x200000002, k3 = 0x300000003;
-  const std::string values = leBytes(k1, 8) + leBytes(k2, 8) + leBytes(k3, 8);
-  const auto block = [&](std::size_t count, std::size_t length) {
-    return leBytes(0x5455, 2) + leBytes(5, 2) + "12345" + leBytes(0x0001, 2) + leBytes(length, 2) +
-           values.substr(0, count);
-  };
-  using Fields = std::array<std::uint64_t, 3>;  // size, compressed size, local header offset
-  const std::tuple<Fields, std::string, Fields> cases[] = {
-      {{kMarked, kMarked, kMarked}, block(24, 24), {k1, k2, k3}},
-      {{kMarked, 20, kMarked}, block(16, 16), {k1, 20, k2}},
-      {{10, kMarked, kMarked}, block(16, 16), {10, k1, k2}},
-      {{10, 20, kMarked}, block(8, 8), {10, 20, k1}},
-      {{10, 20, 30}, block(24, 24), {10, 20, 30}},
-      {{kMarked, kMarked, kMarked}, block(10, 24), {k1, kMarked, kMarked}},
-  };
-  for (const auto& [fields, extra, expected] : cases) {
-    zip::CentralDirectoryHeader header;
-    header.size = static_cast<std::uint32_t>(fields[0]);
-    header.compressedSize = static_cast<std::uint32_t>(fields[1]);
-    header.localHeaderOffset = static_cast<std::uint32_t>(fields[2]);
-    header.extra = extra;
-    const zip::EntryExtent extent = zip::entryExtent(header);
-    EXPECT_EQ((Fields{extent.size, extent.compressedSize, extent.localHeaderOffset}), expected);
-  }
 }
 
 // The DOS fields hold local time (EST5 here: five hours behind UTC all year) from 1980 to the end

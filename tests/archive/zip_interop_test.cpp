@@ -277,27 +277,5 @@ TEST(ZipInteropTest, ReadsArchivesOtherToolsMake) {
   }
 }
 
-// Written to a pipe, zip cannot go back: the sizes follow the data in a descriptor. Its bzip2
-// entries are listed, with their method, and refused.
-TEST(ZipInteropTest, ReadsInfoZipStreamedFromStdinAndNamesTheMethodOfBzip2) {
-  testing::TempFolder folder;
-  const std::string input = testing::sampleText(150000);
-  auto streamed = runProcess({"sh", "-c", "zip -q - - | cat"}, {}, input);
-  ASSERT_EQ(streamed.exitCode, 0) << streamed.err;
-  EXPECT_EQ(streamed.out[6] & 0x08, 0x08);
-  testing::writeFile(folder / "stdin.zip", streamed.out);
-  EXPECT_EQ(filesOf(folder / "stdin.zip"), std::make_pair(Tree{{"-", input}}, std::size_t{1}));
-
-  const std::string tree = writeTree(folder);
-  auto zipped =
-      runProcess({"sh", "-c", "cd \"$0\" && zip -q -Z bzip2 ../bzip2.zip notes.txt", tree});
-  ASSERT_EQ(zipped.exitCode, 0) << zipped.err;
-  StowZipReader reader(folder / "bzip2.zip");
-  ASSERT_EQ(reader.items().size(), 1u);
-  EXPECT_EQ(reader.items()[0].method, 12);
-  EXPECT_EQ(testing::failure([&] { reader.data(reader.items()[0]); }),
-            "notes.txt uses compression method 12, which isn't supported.");
-}
-
 }  // namespace
 }  // namespace corvelstow
