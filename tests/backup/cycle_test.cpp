@@ -210,8 +210,8 @@ TEST_F(BackupCommandTest, AKilledBackupLosesNoExport) {
 
   int kills = 0;
   for (int at = 1; at < 1000; ++at) {
-    auto run = runCommand({"backup"}, env({{"LD_PRELOAD", CORVELSTOW_FILE_FAULT},
-                                           {"CORVELSTOW_KILL_AT_CHANGE", std::to_string(at)}}));
+    auto run = runCommand({"backup"}, env({{"LD_PRELOAD", CORVELSTOW_FAULT_SEAM},
+                                           {"CORVELSTOW_KILL", "change#" + std::to_string(at)}}));
     if (run.exitCode == 0) break;  // it made fewer changes than that
     ASSERT_EQ(run.exitCode, 128 + SIGKILL) << run.err;
     ++kills;
@@ -257,8 +257,8 @@ TEST_F(BackupCommandTest, NoLinkIsFollowed) {
     std::map<std::string, std::string> extra;
     if (test.whileRunning) {
       // Just after the walk, as the archive is first written to.
-      extra = {{"LD_PRELOAD", CORVELSTOW_FILE_FAULT},
-               {"CORVELSTOW_CHANGE_AT", "1"},
+      extra = {{"LD_PRELOAD", CORVELSTOW_FAULT_SEAM},
+               {"CORVELSTOW_CHANGE_AT", "write#1"},
                {"CORVELSTOW_CHANGE", "relink"},
                {"CORVELSTOW_CHANGE_PATH", replaced.string()},
                {"CORVELSTOW_CHANGE_TO", test.target.string()}};
@@ -308,8 +308,8 @@ TEST_F(BackupCommandTest, AnAppChangingItsDataWhileItIsBackedUpGetsAConsistentAr
         if (bytes != "/") writeFile(layout.documents / name, bytes);
       }
       auto run = runCommand({"--json", "backup", "--threads", "2"},
-                            env({{"LD_PRELOAD", CORVELSTOW_FILE_FAULT},
-                                 {"CORVELSTOW_CHANGE_AT", std::to_string(at)},
+                            env({{"LD_PRELOAD", CORVELSTOW_FAULT_SEAM},
+                                 {"CORVELSTOW_CHANGE_AT", "write#" + std::to_string(at)},
                                  {"CORVELSTOW_CHANGE", change.how},
                                  {"CORVELSTOW_CHANGE_PATH", (layout.documents / change.path).string()},
                                  {"CORVELSTOW_CHANGE_TO", (layout.documents / change.to).string()}}));
@@ -349,8 +349,8 @@ TEST_F(BackupCommandTest, AnAppChangingItsDataWhileItIsBackedUpGetsAConsistentAr
     }
   }
   // Without --json the archive stays the only line on stdout; what was left out goes beside it.
-  auto run = runCommand({"backup"}, env({{"LD_PRELOAD", CORVELSTOW_FILE_FAULT},
-                                         {"CORVELSTOW_CHANGE_AT", "1"},
+  auto run = runCommand({"backup"}, env({{"LD_PRELOAD", CORVELSTOW_FAULT_SEAM},
+                                         {"CORVELSTOW_CHANGE_AT", "write#1"},
                                          {"CORVELSTOW_CHANGE", "remove"},
                                          {"CORVELSTOW_CHANGE_PATH", (layout.documents / "a.txt").string()}}));
   ASSERT_EQ(run.exitCode, 0) << run.err;
@@ -395,9 +395,8 @@ TEST_F(BackupCommandTest, DeepTreesAreWhollyBackedUpAndUnopenableFoldersNamed) {
   };
   for (const Case& test : cases) {
     SCOPED_TRACE(test.name + " " + std::to_string(test.code));
-    auto fault = env({{"LD_PRELOAD", CORVELSTOW_FILE_FAULT},
-                      {"CORVELSTOW_FAIL_OPEN", test.name},
-                      {"CORVELSTOW_FAIL_OPEN_ERRNO", std::to_string(test.code)}});
+    auto fault = env({{"LD_PRELOAD", CORVELSTOW_FAULT_SEAM},
+                      {"CORVELSTOW_FAIL", "open@" + test.name + "=" + std::to_string(test.code)}});
     auto run = runCommand({"--json", "backup", "--threads", "8"}, fault);
     EXPECT_EQ(run.exitCode == 0 ? "" : lastLine(run.err), test.error);
     EXPECT_EQ(run.exitCode, test.error.empty() ? 0 : 1);
@@ -472,7 +471,7 @@ TEST_F(BackupCommandTest, AFullDiskLeavesNoArchiveNoStampAndNothingStaged) {
   ASSERT_EQ(backup.exitCode, 0) << backup.err;
   const std::string archive = backup.out.substr(0, backup.out.find('\n'));
   auto restore = runCommand({"restore", archive}, {{"CORVELSTOW_HOME", layout.home.string()},
-                                                   {"LD_PRELOAD", CORVELSTOW_FREE_SPACE_FAULT},
+                                                   {"LD_PRELOAD", CORVELSTOW_FAULT_SEAM},
                                                    {"CORVELSTOW_FREE_BYTES", "40960"}});
   EXPECT_EQ(restore.exitCode, 1);
   EXPECT_NE(restore.err.find("There isn't enough free space to prepare this restore: it needs " +
