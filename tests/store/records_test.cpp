@@ -107,8 +107,14 @@ TEST(RecordsTest, EveryRecordReadsBackWhatItStores) {
   };
   for (const auto& [recode, stored, expected] : translated) EXPECT_EQ(recode(stored), expected);
   const json none;
-  const std::string bytes = encodeRecord(*decodeRecord<StowSwapJournal>(journal.dump()));
-  EXPECT_EQ(encodeRecord(*decodeRecord<StowSwapJournal>(bytes)), bytes);
+  // The one encoding: keys sorted, indented by two spaces, a newline at the end.
+  EXPECT_EQ(encodeRecord(StowSettings{}),
+            "{\n  \"includeCaches\": false,\n  \"showOnLaunch\": true\n}\n");
+  // A staging's token: 32 hexadecimal digits, new each time.
+  const std::string token = newStagingToken();
+  EXPECT_EQ(token.find_first_not_of("0123456789abcdef"), std::string::npos);
+  EXPECT_EQ(token.size(), 32u);
+  EXPECT_NE(newStagingToken(), token);
 
   const std::vector<std::pair<Recode, json>> refused{
       {recoded<StowManifest>, {{"fileCount", "12"}}},
