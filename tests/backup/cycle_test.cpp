@@ -234,8 +234,8 @@ TEST_F(BackupCommandTest, AKilledBackupLosesNoExport) {
 
   int kills = 0;
   for (int at = 1; at < 1000; ++at) {
-    auto run = runCommand({"backup"}, env({{"LD_PRELOAD", CORVELSTOW_FILE_FAULT},
-                                           {"CORVELSTOW_KILL_AT_CHANGE", std::to_string(at)}}));
+    auto run = runCommand({"backup"}, env({{"LD_PRELOAD", CORVELSTOW_FAULT_SEAM},
+                                           {"CORVELSTOW_KILL", "change#" + std::to_string(at)}}));
     if (run.exitCode == 0) break;  // it made fewer changes than that
     ASSERT_EQ(run.exitCode, 128 + SIGKILL) << run.err;
     ++kills;
@@ -288,8 +288,8 @@ TEST_F(BackupCommandTest, AnAppChangingItsDataWhileItIsBackedUpGetsAConsistentAr
       }
       auto run =
           runCommand({"--json", "backup", "--threads", "2"},
-                     env({{"LD_PRELOAD", CORVELSTOW_FILE_FAULT},
-                          {"CORVELSTOW_CHANGE_AT", std::to_string(at)},
+                     env({{"LD_PRELOAD", CORVELSTOW_FAULT_SEAM},
+                          {"CORVELSTOW_CHANGE_AT", "write#" + std::to_string(at)},
                           {"CORVELSTOW_CHANGE", change.how},
                           {"CORVELSTOW_CHANGE_PATH", (layout.documents / change.path).string()},
                           {"CORVELSTOW_CHANGE_TO", (layout.documents / change.to).string()}}));
@@ -344,8 +344,8 @@ TEST_F(BackupCommandTest, AnAppChangingItsDataWhileItIsBackedUpGetsAConsistentAr
 
   // Without --json the archive stays the only line on stdout; what was left out goes beside it.
   auto run = runCommand({"backup"},
-                        env({{"LD_PRELOAD", CORVELSTOW_FILE_FAULT},
-                             {"CORVELSTOW_CHANGE_AT", "1"},
+                        env({{"LD_PRELOAD", CORVELSTOW_FAULT_SEAM},
+                             {"CORVELSTOW_CHANGE_AT", "write#1"},
                              {"CORVELSTOW_CHANGE", "remove"},
                              {"CORVELSTOW_CHANGE_PATH", (layout.documents / "a.txt").string()}}));
   ASSERT_EQ(run.exitCode, 0) << run.err;
@@ -383,9 +383,8 @@ TEST_F(BackupCommandTest, DeepTreesAreWhollyBackedUpAndUnopenableFoldersNamed) {
   const std::pair<int, std::string> failures[] = {{EACCES, "Permission denied"},
                                                   {EIO, "Input/output error"}};
   for (const auto& [code, text] : failures) {
-    auto fault = env({{"LD_PRELOAD", CORVELSTOW_FILE_FAULT},
-                      {"CORVELSTOW_FAIL_OPEN", "Folder"},
-                      {"CORVELSTOW_FAIL_OPEN_ERRNO", std::to_string(code)}});
+    auto fault = env({{"LD_PRELOAD", CORVELSTOW_FAULT_SEAM},
+                      {"CORVELSTOW_FAIL", "open@Folder=" + std::to_string(code)}});
     auto run = runCommand({"--json", "backup", "--threads", "8"}, fault);
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_EQ(lastLine(run.err), "Could not open the folder Documents/Folder: " + text + ".\n");
@@ -419,7 +418,7 @@ TEST_F(BackupCommandTest, AFullDiskLeavesNoArchiveNoStampAndNothingStaged) {
   ASSERT_EQ(readManifest(archive).totalBytes, total);
   for (const std::int64_t free : {total - 65536, total}) {
     auto restore =
-        runCommand({"restore", archive}, env({{"LD_PRELOAD", CORVELSTOW_FREE_SPACE_FAULT},
+        runCommand({"restore", archive}, env({{"LD_PRELOAD", CORVELSTOW_FAULT_SEAM},
                                               {"CORVELSTOW_FREE_BYTES", std::to_string(free)}}));
     EXPECT_EQ(restore.err,
               free == total ? ""

@@ -1,5 +1,7 @@
 #include "container_fixture.h"
 
+#include "archive/zip_writer.h"
+
 namespace corvelstow::testing {
 
 void ContainerFixture::SetUp() {
@@ -43,28 +45,74 @@ void ContainerFixture::stage(StowRestoreScope scope, const std::string& sourceID
   writeRecord(record, layout.stagedRecord);
 }
 
-ProcessResult ContainerFixture::launch(const std::map<std::string, std::string>& environment) {
-  return startLaunch(environment)->wait();
+fs::path ContainerFixture::backupArchive(StowRestoreScope scope, bool withCaches) {
+  stage(scope, kHostID, withCaches);
+  StowStagedRestore record = *readRecord<StowStagedRestore>(layout.stagedRecord);
+  const fs::path archive = folder / (withCaches ? "caches.corvelappdata" : "backup.corvelappdata");
+  StowZipWriter writer(archive);
+  Tree files = readStagedTree(layout.staged);
+  std::erase_if(files, [](const auto& entry) { return entry.second == "/"; });
+  record.manifest.fileCount = static_cast<std::int64_t>(files.size());
+  writer.add(encodeRecord(record.manifest), "manifest.json", currentDate());
+  for (const auto& [path, contents] : files)
+    writer.add(contents, "container/" + path, currentDate());
+  writer.finish();
+  fs::remove_all(layout.staged);
+  fs::remove(layout.stagedRecord);
+  return archive;
 }
 
-std::unique_ptr<ChildProcess> ContainerFixture::startLaunch(
-    const std::map<std::string, std::string>& environment) {
-  std::map<std::string, std::string> all{{"CORVELSTOW_HOME", layout.home.string()},
-                                         {"CORVELSTOW_BUNDLE", bundle.string()}};
+ProcessResult ContainerFixture::launch(const Environment& environment) {
+  return command({"run", "--", CORVELSTOW_EXAMPLE_HOST}, environment);
+}
+
+ProcessResult ContainerFixture::command(const std::vector<std::string>& arguments,
+                                        const Environment& environment) {
+  Environment all{{"CORVELSTOW_HOME", layout.home.string()},
+                  {"CORVELSTOW_BUNDLE", bundle.string()},
+                  {"TMPDIR", (folder / "tmp").string()}};
+  if (!environment.empty()) all["LD_PRELOAD"] = CORVELSTOW_FAULT_SEAM;
   all.insert(environment.begin(), environment.end());
-  return std::make_unique<ChildProcess>(
-      std::vector<std::string>{CORVELSTOW_COMMAND, "run", "--", CORVELSTOW_EXAMPLE_HOST}, all);
+  fs::create_directories(folder / "tmp");
+  return runCommand(arguments, all);
 }
 
-std::map<std::string, std::string> ContainerFixture::state() {
+Tree ContainerFixture::data(const fs::path& root) {
+  Tree data;
+  for (auto [path, contents] : readTree(root)) {
+    if (contents == "/" || path.starts_with("Library/CorvelStow") || path == "kept.json") continue;
+    if (path.starts_with("Library/Preferences/") && path.ends_with(".plist")) {
+      if (auto domain = platform::parsePropertyList(contents);
+          domain && domain->as<PlistDictionary>()) {
+        contents.clear();
+        for (const auto& [key, value] : *domain->as<PlistDictionary>()) {
+          contents += key + "=" + (value.as<std::string>() ? *value.as<std::string>() : "?") + "\n";
+        }
+      }
+    }
+    data[path] = contents;
+  }
+  return data;
+}
+
+void ContainerFixture::save(const fs::path& copy) {
+  fs::remove_all(copy);
+  fs::copy(layout.home, copy, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+}
+
+void ContainerFixture::reset(const fs::path& copy) {
+  fs::remove_all(layout.home);
+  fs::copy(copy, layout.home, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+}
+
+Tree ContainerFixture::state() {
   auto tree = readTree(layout.home);
   auto relative = [&](const fs::path& path) {
     return path.lexically_relative(layout.home).string();
   };
   tree.erase(relative(layout.lockFile));
-  std::erase_if(tree, [&](const auto& entry) {
-    return entry.first.starts_with(relative(layout.trash));
-  });
+  std::erase_if(tree,
+                [&](const auto& entry) { return entry.first.starts_with(relative(layout.trash)); });
   if (auto outcome = readRecord<StowOutcome>(layout.outcomeRecord)) {
     outcome->appliedAt = {};
     tree[relative(layout.outcomeRecord)] = encodeRecord(*outcome);

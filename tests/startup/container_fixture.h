@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <memory>
 #include <string>
 
 #include "platform/platform.h"
@@ -13,6 +12,8 @@
 #include "support/temp_folder.h"
 
 namespace corvelstow::testing {
+
+using Tree = std::map<std::string, std::string>;
 
 /// A live app container with documents, library data, caches, system folders and two settings
 /// domains, and a backup of another state of it ready to be staged.
@@ -30,17 +31,32 @@ class ContainerFixture : public ::testing::Test {
   void stage(StowRestoreScope scope, const std::string& sourceID = kHostID,
              bool withCaches = false);
 
-  /// Launches the example host through `corvelstow run` with this container and bundle.
-  ProcessResult launch(const std::map<std::string, std::string>& environment = {});
+  /// A backup archive of what stage() stages, as `restore` takes it; no staging is left.
+  fs::path backupArchive(StowRestoreScope scope, bool withCaches = false);
 
-  /// The same launch, started and left running.
-  std::unique_ptr<ChildProcess> startLaunch(
-      const std::map<std::string, std::string>& environment = {});
+  /// Launches the example host through `corvelstow run` with this container and bundle, and
+  /// with the fault seam preloaded when `environment` sets anything.
+  ProcessResult launch(const Environment& environment = {});
+
+  /// Runs `corvelstow` on this container and bundle, exports going to folder/tmp, and with the
+  /// fault seam preloaded when `environment` sets anything.
+  ProcessResult command(const std::vector<std::string>& arguments,
+                        const Environment& environment = {});
+
+  std::optional<StowOutcome> outcome() { return readRecord<StowOutcome>(layout.outcomeRecord); }
+
+  /// The app's files below `root` (the container, or Previous) by path, without the work folder,
+  /// a settings domain as its "key=value" lines.
+  Tree data(const fs::path& root);
+
+  /// Copies the container to `copy`, or back from it.
+  void save(const fs::path& copy);
+  void reset(const fs::path& copy);
 
   /// Everything in the container by path, with the times that differ from run to run (when an
   /// outcome was applied, when Previous was kept) left out, and without the lock file and the
   /// trash: two containers that went through the same operations have equal states.
-  std::map<std::string, std::string> state();
+  Tree state();
 
   /// The settings domain stored in `file`, or an empty dictionary.
   static PlistDictionary domainIn(const fs::path& file);

@@ -7,13 +7,6 @@
 namespace corvelstow {
 namespace {
 
-TEST(LayoutTest, TheWorkFolderLiesInLibraryAndIsExcludedFromItByName) {
-  StowLayout layout = StowLayout::forRoots("/c", "/t");
-  EXPECT_EQ(layout.workFolder.parent_path(), layout.library);
-  EXPECT_TRUE(excludedLibraryNames().count(layout.workFolder.filename().string()));
-  EXPECT_EQ(layout.exports.parent_path(), "/t/CorvelStow Exports");  // outside the container
-}
-
 // Each container exports into a folder of its own, named for it and its real path.
 TEST(LayoutTest, ExportsAreKeyedByTheContainersRealPath) {
   testing::TempFolder folder;
@@ -29,19 +22,6 @@ TEST(LayoutTest, ExportsAreKeyedByTheContainersRealPath) {
   EXPECT_EQ(exports(folder / "link"), one);
   EXPECT_EQ(exports(folder.path().string() + "/one/./home/"), one);
   EXPECT_EQ(exports("/").filename().string().size(), 8u);
-}
-
-TEST(LayoutTest, SharedLayoutIsBuiltOnceFromTheEnvironment) {
-  const char* temporary = std::getenv("TMPDIR");
-  std::string saved = temporary ? temporary : "";
-  ::setenv("CORVELSTOW_HOME", "/first", 1);
-  ::setenv("TMPDIR", "/scratch", 1);
-  const StowLayout& layout = StowLayout::shared();
-  saved.empty() ? ::unsetenv("TMPDIR") : ::setenv("TMPDIR", saved.c_str(), 1);
-  ::setenv("CORVELSTOW_HOME", "/second", 1);
-  EXPECT_EQ(&StowLayout::shared(), &layout);
-  EXPECT_EQ(StowLayout::shared().home, "/first");
-  EXPECT_EQ(StowLayout::shared().exports.parent_path(), "/scratch/CorvelStow Exports");
 }
 
 }  // namespace

@@ -1,34 +1,39 @@
-// The fault seam: preloaded (LD_PRELOAD) into a real process, or linked into a test, it stands in
-// front of the C library's calls that change files and makes one of them fail, kills the process
-// at one, counts them, or records which files were written and not synced since.
+// The fault seam: preloaded (LD_PRELOAD) into a real process, it stands in front of the C
+// library's calls that change files, open files, read folders and lock, and makes one of them
+// fail, kills the process at one, changes the container at one as a running app would, counts
+// them, or records which files were written and not synced since.
 //
 // Each call belongs to one kind:
-//   rename  rename, renameat, renameat2          unlink  unlink, unlinkat, rmdir, remove
-//   mkdir   mkdir, mkdirat                       create  open, openat, creat, mkstemp (creating)
-//   write   write, pwrite, ftruncate             sync    fsync, fdatasync, syncfs
-//   close   close
+//   rename  rename, renameat, renameat2          unlink  unlink, unlinkat, remove
+//   mkdir   mkdir, mkdirat                       create  open, openat, mkstemp (creating)
+//   write   write, pwrite, ftruncate             sync    fsync, syncfs
+//   close   close                                open    open, openat (every one)
+//   readdir readdir                              lock    flock
 // write, sync and close count only for descriptors that a counted call opened for writing, so
 // that the process's own output and the reading of files are left out. `change` stands for every
-// kind, in the order the calls come.
+// kind from rename to close, in the order the calls come.
 //
 //   CORVELSTOW_FAIL=RULE;RULE...   each RULE is KIND#N (the Nth call of that kind),
 //                                  KIND@PIECE,PIECE... (every call whose path, either path of a
 //                                  rename, ends in a piece at a "/"), or KIND@PIECE...#N (the Nth
 //                                  of those), optionally followed by =ERRNO; by default ENOSPC
-//                                  for write, create and mkdir, else EIO. A failed close still
-//                                  closes, as on Linux.
-//   CORVELSTOW_KILL=KIND#N         the process is killed (SIGKILL) as it asks for that call
-//   CORVELSTOW_RELINK=KIND#N       just before that call, CORVELSTOW_RELINK_PATH is renamed to
-//                                  PATH.replaced and a symbolic link to CORVELSTOW_RELINK_TARGET
-//                                  takes its place
-//   CORVELSTOW_SLOW_RENAMES=MS     every rename first waits MS milliseconds
+//                                  for write, create and mkdir, EWOULDBLOCK for lock, EACCES for
+//                                  open, else EIO. A failed close still closes, as on Linux.
+//   CORVELSTOW_KILL=RULE           the process is killed (SIGKILL) as it asks for that call
+//   CORVELSTOW_CHANGE_AT=RULE      just before that call, CORVELSTOW_CHANGE_PATH is changed as
+//                                  CORVELSTOW_CHANGE says: "remove" (a file), "rename" (to
+//                                  CORVELSTOW_CHANGE_TO), "grow" (by 1 MiB) or "relink" (renamed
+//                                  to PATH.replaced, a symbolic link to CORVELSTOW_CHANGE_TO put
+//                                  in its place)
 //   CORVELSTOW_LOCKED_FOLDER=PATH  files under PATH refuse to open (ENOKEY), as a container's
 //                                  files do before the device's first unlock
+//   CORVELSTOW_FREE_BYTES=N        statvfs reports about N bytes free (whole blocks)
 //   CORVELSTOW_COUNTS=FILE         at exit, or before a kill, how many calls of each kind were
 //                                  made ("rename 12" lines)
 //   CORVELSTOW_UNSYNCED=FILE       at exit, or before a kill, the files written and not synced
 //                                  since ("DEVICE INODE" lines): what a power cut may empty
 #define _GNU_SOURCE
+#include <dirent.h>
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -38,22 +43,26 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/stat.h>
-#include <time.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
-enum Kind { kRename, kUnlink, kMkdir, kCreate, kWrite, kSync, kClose, kKinds, kChange = kKinds };
-static const char* const kKindNames[] = {"rename", "unlink", "mkdir", "create",
-                                         "write",  "sync",   "close", "change"};
-static const int kDefaultErrno[] = {EIO, EIO, ENOSPC, ENOSPC, ENOSPC, EIO, EIO};
+// The kinds up to kChange are changes.
+enum Kind { kRename, kUnlink, kMkdir, kCreate, kWrite, kSync, kClose, kChange, kOpen, kDir, kLock };
+#define kKinds (kLock + 1)
+static const char* const kKindNames[] = {"rename", "unlink", "mkdir", "create",  "write", "sync",
+                                         "close",  "change", "open",  "readdir", "lock"};
+static const int kDefaultErrno[] = {EIO, EIO, ENOSPC, ENOSPC, ENOSPC,     EIO,
+                                    EIO, 0,   EACCES, EIO,    EWOULDBLOCK};
 
 // The C library's own `name`, declared as `real`. dlsym returns functions as object pointers;
 // POSIX guarantees the round trip.
-#define REAL(name)                                 \
-  static __typeof__(&name) real;                   \
+#define REAL(name)               \
+  static __typeof__(&name) real; \
   if (!real) *(void**)(&real) = dlsym(RTLD_NEXT, #name)
 
-static int calls[kKinds + 1];
+static int calls[kKinds];
 
 // Descriptors opened for writing by a counted call, with the file they opened.
 #define kMostFds 4096
@@ -107,7 +116,7 @@ static void report(void) {
   const char* counts = getenv("CORVELSTOW_COUNTS");
   if (counts && *counts) {
     FILE* out = fdopen(real(counts, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644), "w");
-    for (int kind = 0; out && kind <= kChange; ++kind) {
+    for (int kind = 0; out && kind < kKinds; ++kind) {
       fprintf(out, "%s %d\n", kKindNames[kind], __atomic_load_n(&calls[kind], __ATOMIC_SEQ_CST));
     }
     if (out) fclose(out);
@@ -173,8 +182,8 @@ static int ruled(const char* variable, int slot, enum Kind kind, int number, int
         const char* piecesEnd = hash ? hash : body;
         matched = listed(pieces, piecesEnd, path) || listed(pieces, piecesEnd, other);
         if (matched && hash && index < kMostRules) {
-          matched = __atomic_add_fetch(&ruleCalls[slot][index], 1, __ATOMIC_SEQ_CST) ==
-                    atoi(hash + 1);
+          matched =
+              __atomic_add_fetch(&ruleCalls[slot][index], 1, __ATOMIC_SEQ_CST) == atoi(hash + 1);
         }
       } else {
         matched = atoi(rule + nameLength + 1) == number;
@@ -187,32 +196,52 @@ static int ruled(const char* variable, int slot, enum Kind kind, int number, int
   return any;
 }
 
-static void relink(void) {
-  const char* path = getenv("CORVELSTOW_RELINK_PATH");
-  const char* target = getenv("CORVELSTOW_RELINK_TARGET");
-  if (!path || !target) return;
-  char aside[PATH_MAX];
-  snprintf(aside, sizeof aside, "%s.replaced", path);
-  REAL(rename);
-  real(path, aside);
-  symlink(target, path);
+// Changes the container as CORVELSTOW_CHANGE says, through the C library's own calls.
+static void changeContainer(void) {
+  const char* how = getenv("CORVELSTOW_CHANGE");
+  const char* path = getenv("CORVELSTOW_CHANGE_PATH");
+  const char* to = getenv("CORVELSTOW_CHANGE_TO");
+  if (!how || !path) return;
+  if (strcmp(how, "remove") == 0) {
+    REAL(unlink);
+    real(path);
+  } else if (strcmp(how, "rename") == 0) {
+    REAL(rename);
+    real(path, to);
+  } else if (strcmp(how, "grow") == 0) {
+    static char more[1 << 20];
+    memset(more, 'g', sizeof more);
+    int fd;
+    {
+      REAL(open);
+      fd = real(path, O_WRONLY | O_APPEND);
+    }
+    {
+      REAL(write);
+      real(fd, more, sizeof more);
+    }
+    REAL(close);
+    real(fd);
+  } else if (strcmp(how, "relink") == 0) {
+    char aside[PATH_MAX];
+    snprintf(aside, sizeof aside, "%s.replaced", path);
+    REAL(rename);
+    real(path, aside);
+    symlink(to, path);
+  }
 }
 
 // Counts one call and does what the environment asks for at it; nonzero, with errno set, when
 // the call is to fail.
 static int fault(enum Kind kind, const char* path, const char* other) {
   int number = __atomic_add_fetch(&calls[kind], 1, __ATOMIC_SEQ_CST);
-  int changeNumber = __atomic_add_fetch(&calls[kChange], 1, __ATOMIC_SEQ_CST);
+  int changeNumber = kind < kChange ? __atomic_add_fetch(&calls[kChange], 1, __ATOMIC_SEQ_CST) : 0;
   if (ruled("CORVELSTOW_KILL", 0, kind, number, changeNumber, path, other, NULL)) {
     report();
     raise(SIGKILL);
   }
-  if (ruled("CORVELSTOW_RELINK", 1, kind, number, changeNumber, path, other, NULL)) relink();
-  const char* slow = getenv("CORVELSTOW_SLOW_RENAMES");
-  if (slow && kind == kRename) {
-    long ms = atol(slow);
-    struct timespec pause = {ms / 1000, (ms % 1000) * 1000000L};
-    nanosleep(&pause, NULL);
+  if (ruled("CORVELSTOW_CHANGE_AT", 1, kind, number, changeNumber, path, other, NULL)) {
+    changeContainer();
   }
   int code = kDefaultErrno[kind];
   if (ruled("CORVELSTOW_FAIL", 2, kind, number, changeNumber, path, other, &code)) {
@@ -266,7 +295,8 @@ static int openFault(int folder, const char* path, int flags) {
       return 1;
     }
   }
-  return (flags & O_CREAT) && fault(kCreate, pathOf(folder, path, buffer), NULL);
+  const char* full = pathOf(folder, path, buffer);
+  return fault(kOpen, full, NULL) || ((flags & O_CREAT) && fault(kCreate, full, NULL));
 }
 
 static mode_t modeOf(int flags, va_list arguments) {
@@ -294,18 +324,6 @@ int openat(int folder, const char* path, int flags, ...) {
   REAL(openat);
   int fd = real(folder, path, flags, mode);
   if (writes(flags)) track(fd);
-  return fd;
-}
-
-int creat(const char* path, mode_t mode) {
-  return open(path, O_WRONLY | O_CREAT | O_TRUNC, mode);
-}
-
-int mkstemp(char* template) {
-  if (fault(kCreate, template, NULL)) return -1;
-  REAL(mkstemp);
-  int fd = real(template);
-  track(fd);
   return fd;
 }
 
@@ -343,12 +361,6 @@ static int synced(int fd, int result) {
 int fsync(int fd) {
   if (fdFault(kSync, fd)) return -1;
   REAL(fsync);
-  return synced(fd, real(fd));
-}
-
-int fdatasync(int fd) {
-  if (fdFault(kSync, fd)) return -1;
-  REAL(fdatasync);
   return synced(fd, real(fd));
 }
 
@@ -416,12 +428,6 @@ int remove(const char* path) {
   return real(path);
 }
 
-int rmdir(const char* path) {
-  if (fault(kUnlink, path, NULL)) return -1;
-  REAL(rmdir);
-  return real(path);
-}
-
 int mkdir(const char* path, mode_t mode) {
   if (fault(kMkdir, path, NULL)) return -1;
   REAL(mkdir);
@@ -433,4 +439,30 @@ int mkdirat(int folder, const char* path, mode_t mode) {
   if (fault(kMkdir, pathOf(folder, path, buffer), NULL)) return -1;
   REAL(mkdirat);
   return real(folder, path, mode);
+}
+
+// Reading folders, locking, free space --------------------------------------------------------
+
+struct dirent* readdir(DIR* dir) {
+  char buffer[PATH_MAX];
+  if (fault(kDir, pathOf(dirfd(dir), NULL, buffer), NULL)) return NULL;
+  REAL(readdir);
+  return real(dir);
+}
+
+int flock(int fd, int operation) {
+  char buffer[PATH_MAX];
+  if (fault(kLock, pathOf(fd, NULL, buffer), NULL)) return -1;
+  REAL(flock);
+  return real(fd, operation);
+}
+
+int statvfs(const char* path, struct statvfs* volume) {
+  REAL(statvfs);
+  int result = real(path, volume);
+  const char* bytes = getenv("CORVELSTOW_FREE_BYTES");
+  if (result == 0 && bytes && volume->f_frsize > 0) {
+    volume->f_bavail = strtoull(bytes, NULL, 10) / volume->f_frsize;
+  }
+  return result;
 }

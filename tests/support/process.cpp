@@ -1,24 +1,18 @@
 #include "support/process.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <stdexcept>
-
-#include "support/temp_folder.h"
 
 namespace corvelstow::testing {
 
 ChildProcess::ChildProcess(const std::vector<std::string>& arguments,
-                           const std::map<std::string, std::string>& environment,
-                           const std::string& input) {
-  char scratch[] = "/tmp/corvelstow-child-XXXXXX";
-  if (::mkdtemp(scratch) == nullptr) throw std::runtime_error("mkdtemp failed");
-  scratch_ = scratch;
-  const fs::path in = scratch_ + "/stdin", out = scratch_ + "/stdout", err = scratch_ + "/stderr";
+                           const Environment& environment, const std::string& input) {
+  const fs::path in = scratch_ / "stdin", out = scratch_ / "stdout", err = scratch_ / "stderr";
   writeFile(in, input);
 
   pid_ = ::fork();
@@ -47,8 +41,6 @@ ChildProcess::~ChildProcess() {
     kill();
     wait();
   }
-  std::error_code ignored;
-  fs::remove_all(scratch_, ignored);
 }
 
 void ChildProcess::kill() {
@@ -62,22 +54,34 @@ ProcessResult ChildProcess::wait() {
   pid_ = -1;
   ProcessResult result;
   result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  result.out = readFile(scratch_ + "/stdout");
-  result.err = readFile(scratch_ + "/stderr");
+  result.out = readFile(scratch_ / "stdout");
+  result.err = readFile(scratch_ / "stderr");
   return result;
 }
 
-ProcessResult runProcess(const std::vector<std::string>& arguments,
-                         const std::map<std::string, std::string>& environment,
+ProcessResult runProcess(const std::vector<std::string>& arguments, const Environment& environment,
                          const std::string& input) {
   return ChildProcess(arguments, environment, input).wait();
 }
 
 ProcessResult runCommand(const std::vector<std::string>& arguments,
-                         const std::map<std::string, std::string>& environment) {
+                         const Environment& environment) {
   std::vector<std::string> full{CORVELSTOW_COMMAND};
   full.insert(full.end(), arguments.begin(), arguments.end());
   return runProcess(full, environment);
+}
+
+int killAtEach(const std::string& kind, const std::function<ProcessResult(const Environment&)>& run,
+               const std::function<void(int)>& check) {
+  for (int n = 1;; ++n) {
+    const ProcessResult killed = run({{"LD_PRELOAD", CORVELSTOW_FAULT_SEAM},
+                                      {"CORVELSTOW_KILL", kind + "#" + std::to_string(n)}});
+    if (killed.exitCode != 128 + SIGKILL) {
+      EXPECT_EQ(killed.exitCode, 0) << "not killed at " << kind << " #" << n << ": " << killed.err;
+      return n - 1;
+    }
+    check(n);
+  }
 }
 
 }  // namespace corvelstow::testing

@@ -1,10 +1,15 @@
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "support/temp_folder.h"
+
 namespace corvelstow::testing {
+
+using Environment = std::map<std::string, std::string>;
 
 /// What a finished child process left behind.
 struct ProcessResult {
@@ -19,8 +24,7 @@ class ChildProcess {
  public:
   /// Starts `arguments` (the program first, looked up on PATH) with extra environment
   /// variables (an empty value removes the variable) and `input` as its standard input.
-  ChildProcess(const std::vector<std::string>& arguments,
-               const std::map<std::string, std::string>& environment = {},
+  ChildProcess(const std::vector<std::string>& arguments, const Environment& environment = {},
                const std::string& input = {});
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
@@ -32,18 +36,23 @@ class ChildProcess {
   void kill();
 
  private:
-  std::string scratch_;  // a folder for its standard streams
+  TempFolder scratch_;  // for its standard streams
   int pid_ = -1;
 };
 
 /// Runs `arguments` (the program first, looked up on PATH) with extra environment variables
 /// (an empty value removes the variable) and waits for it.
 ProcessResult runProcess(const std::vector<std::string>& arguments,
-                         const std::map<std::string, std::string>& environment = {},
-                         const std::string& input = {});
+                         const Environment& environment = {}, const std::string& input = {});
 
 /// Runs the built corvelstow command with these arguments.
 ProcessResult runCommand(const std::vector<std::string>& arguments,
-                         const std::map<std::string, std::string>& environment = {});
+                         const Environment& environment = {});
+
+/// Runs `run` with the fault seam (support/fault_seam.c) killing it at its first call of `kind`
+/// ("rename", "change"...), then at its second, and so on until a run ends on its own;
+/// `check(n)` looks at what the run killed at its nth call left. Gives how many were killed.
+int killAtEach(const std::string& kind, const std::function<ProcessResult(const Environment&)>& run,
+               const std::function<void(int)>& check);
 
 }  // namespace corvelstow::testing
