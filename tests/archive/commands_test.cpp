@@ -158,6 +158,7 @@ TEST(CommandsTest, PrintWhatAnArchiveHoldsOrWhyNotAndTheirUsageErrors) {
     }
     EXPECT_EQ(result.err, c.err);
   }
+  EXPECT_EQ(testing::runCommand({"--help"}).exitCode, 0);
 }
 
 }  // namespace

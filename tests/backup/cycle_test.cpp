@@ -12,7 +12,6 @@
 #include "../startup/container_fixture.h"
 #include "archive/zip_reader.h"
 #include "backup/inspection.h"
-#include "store/container_lock.h"
 #include "support/process.h"
 
 namespace corvelstow {
@@ -154,39 +153,6 @@ class BackupCommandTest : public CommandFixture {
     }
   }
 };
-
-// The second starts while the first writes; it waits for the first, or gives up with a sentence.
-TEST_F(BackupCommandTest, TwoBackupsAtOnceEachFinishOrAreToldTheOtherRuns) {
-  const std::string text = testing::sampleText(500 << 10);  // that takes a while to compress
-  for (int i = 0; i < 24; ++i) writeFile(layout.documents / "Bulk" / std::to_string(i), text);
-  fs::create_directories(folder / "tmp");
-  const std::string script = R"(
-for one in 1 2; do
-  ("$0" --json backup >"$1/out$one" 2>"$1/err$one"; echo $? >"$1/code$one") &
-  sleep 0.2
-done
-wait)";
-  auto both = testing::runProcess({"sh", "-c", script, CORVELSTOW_COMMAND, folder.path()}, env());
-  ASSERT_EQ(both.exitCode, 0);
-  int finished = 0;
-  std::set<std::string> kept;
-  for (std::string one : {"1", "2"}) {
-    if (readFile(folder / ("code" + one)) == "0\n") {
-      ++finished;
-      // Two backups in different minutes have different names: the later replaces the earlier.
-      const auto printed = nlohmann::json::parse(readFile(folder / ("out" + one)));
-      const std::string archive = printed["archive"].get<std::string>();
-      if (!fs::exists(archive)) continue;
-      kept.insert(archive);
-      EXPECT_TRUE(complete(archive));
-    } else {
-      EXPECT_EQ(lastLine(readFile(folder / ("err" + one))),
-                std::string(StowContainerLock::kBusyText) + "\n");
-    }
-  }
-  EXPECT_GE(finished, 1);
-  EXPECT_EQ(kept.size(), 1u);
-}
 
 // Each container has its own exports folder, which only its user can read, and its own options.
 TEST_F(BackupCommandTest, ExportsAndOptionsArePerContainerAndPrivate) {

@@ -50,19 +50,5 @@ TEST(StatusCommandTest, ReportsRecordsAsJsonWithAbsentOnesNull) {
   EXPECT_NE(text.out.find("Restored everything from Notes."), std::string::npos);
 }
 
-TEST(StatusCommandTest, FailsWithOneSentenceOrAUsageError) {
-  auto missing = testing::runCommand({"--home", "/nonexistent/container", "status"});
-  EXPECT_EQ(missing.exitCode, 1);
-  EXPECT_EQ(missing.err, "There is no app container at /nonexistent/container.\n");
-
-  auto unset = testing::runCommand({"status"}, {{"CORVELSTOW_HOME", ""}});
-  EXPECT_EQ(unset.exitCode, 1);
-  EXPECT_EQ(unset.err, "No app container is set: name one with --home or CORVELSTOW_HOME.\n");
-
-  EXPECT_EQ(testing::runCommand({"status", "--no-such-option"}).exitCode, 2);
-  EXPECT_EQ(testing::runCommand({}).exitCode, 2);
-  EXPECT_EQ(testing::runCommand({"--help"}).exitCode, 0);
-}
-
 }  // namespace
 }  // namespace corvelstow
